@@ -1,0 +1,35 @@
+# Two set-up commands: `make run` and `make test` (see README.md).
+RELEASE_DIR := build/release
+TEST_DIR    := build/test
+JOBS        ?= $(shell nproc)
+
+.PHONY: all deps build build-test run test clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+$(RELEASE_DIR)/build.ninja:
+	cmake -S . -B $(RELEASE_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	      -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
+
+$(TEST_DIR)/build.ninja:
+	cmake -S . -B $(TEST_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	      -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DVSK_SANITIZE=ON -DVSK_WERROR=ON
+
+build: $(RELEASE_DIR)/build.ninja
+	cmake --build $(RELEASE_DIR) -j $(JOBS)
+
+build-test: $(TEST_DIR)/build.ninja
+	cmake --build $(TEST_DIR) -j $(JOBS)
+
+run: deps build
+	mkdir -p var/data var/lock
+	$(RELEASE_DIR)/vesk/vsk -C etc/vsk.conf -T
+
+test: deps build-test
+	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf build

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need, skipping what is present.
+# As non-root it prints the apt-get command and fails instead.
+set -euo pipefail
+
+PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
+      libgtest-dev python3 python3-pytest redis-server nginx curl socat)
+
+missing=()
+for p in "${PKGS[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+cmd="apt-get install -y --no-install-recommends ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  echo "Missing packages: ${missing[*]}" >&2
+  echo "Run as root: apt-get update && $cmd" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+# A fresh machine has no package lists yet; read them once, then retry the install after a refresh
+# only if the lists turn out to be stale.
+if ! ls /var/lib/apt/lists/*_Packages >/dev/null 2>&1; then
+  apt-get update -qq
+  $cmd
+else
+  $cmd || { apt-get update -qq && $cmd; }
+fi
