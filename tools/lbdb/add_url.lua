@@ -1,0 +1,49 @@
+-- Registers one local URL of a segment in the load-balancer DB.
+-- KEYS[1]: segment id. ARGV[1]: the local URL. ARGV[2]: expiry in seconds, read as:
+--   0 or less: never expires; 1..2592000 (30 days): that many seconds from now;
+--   larger: an absolute Unix time, which must still lie in the future.
+-- Reply: "OK <segment id>", or a string beginning with "#err: " on bad input.
+
+local RELATIVE_MAX = 2592000
+
+if #KEYS ~= 1 then
+  return '#err: expected 1 key, got ' .. #KEYS
+end
+local seg = KEYS[1]
+local url = ARGV[1]
+if url == nil or url == '' then
+  return '#err: missing URL for [' .. seg .. ']'
+end
+local expiry = tonumber(ARGV[2] or '0')
+if expiry == nil or expiry ~= math.floor(expiry) then
+  return '#err: invalid expiry [' .. tostring(ARGV[2]) .. ']'
+end
+local ktype = redis.call('TYPE', seg).ok
+if ktype ~= 'none' and ktype ~= 'zset' then
+  return '#err: key [' .. seg .. '] holds a ' .. ktype
+end
+
+local now = tonumber(redis.call('TIME')[1])
+local score
+if expiry <= 0 then
+  score = 'inf'
+elseif expiry <= RELATIVE_MAX then
+  score = string.format('%d', now + expiry)
+elseif expiry <= now then
+  return '#err: expiry ' .. ARGV[2] .. ' has passed'
+else
+  score = string.format('%d', expiry)
+end
+
+-- Expired entries go first, so that the key's own expiry below follows the live ones only.
+redis.call('ZREMRANGEBYSCORE', seg, '-inf', now)
+redis.call('ZADD', seg, score, url)
+
+-- The key lives as long as its latest-expiring URL; one URL without expiry keeps it for good.
+local top = redis.call('ZRANGE', seg, -1, -1, 'WITHSCORES')
+if top[2] == 'inf' then
+  redis.call('PERSIST', seg)
+else
+  redis.call('EXPIREAT', seg, top[2])
+end
+return 'OK ' .. seg
