@@ -1,0 +1,370 @@
+"""Real peers for the end-to-end tests: an HTTP file server, a Redis with the registry scripts,
+a scripted misbehaving HTTP source and UDP/multicast senders.
+
+Every peer runs as our own child process or thread on loopback ports, keeps all its files in a
+temporary directory and is stopped at teardown; nothing outside that directory is touched.
+"""
+import os
+import signal
+import socket
+import struct
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+NGINX_BIN = "/usr/sbin/nginx"
+REDIS_BIN = "redis-server"
+REDIS_CLI = "redis-cli"
+STOP_TIMEOUT = 5
+
+
+def wait_listening(port, proc, what, log_path=None, timeout=10):
+    """Waits until something accepts TCP connections on 127.0.0.1:port, or fails with the log."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if proc.poll() is not None:
+            break
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.5):
+                return
+        except OSError:
+            time.sleep(0.05)
+    log = Path(log_path).read_text(errors="replace")[-3000:] if log_path and Path(log_path).exists() else ""
+    raise AssertionError(f"{what} did not listen on port {port} (exit={proc.poll()})\n{log}")
+
+
+def stop_process_group(proc, sig=signal.SIGTERM):
+    """Stops a child started in its own session, then anything left in its process group."""
+    if proc.poll() is None:
+        proc.send_signal(sig)
+        try:
+            proc.wait(timeout=STOP_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait()
+    # A master that died without its workers would leave them in the group we created for it.
+    try:
+        os.killpg(proc.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+
+
+NGINX_CONF = """\
+worker_processes 1;
+user root root;
+pid {d}/nginx.pid;
+lock_file {d}/nginx.lock;
+error_log {d}/error.log info;
+events {{ worker_connections 256; }}
+http {{
+    types {{ }}
+    default_type application/octet-stream;
+    access_log {d}/access.log;
+    client_body_temp_path {d}/tmp/body;
+    proxy_temp_path {d}/tmp/proxy;
+    fastcgi_temp_path {d}/tmp/fastcgi;
+    uwsgi_temp_path {d}/tmp/uwsgi;
+    scgi_temp_path {d}/tmp/scgi;
+    sendfile on;
+    keepalive_timeout 5;
+    server {{
+        listen 127.0.0.1:{port};
+        server_name localhost;
+        root {d}/www;
+    }}
+}}
+"""
+
+
+class Nginx:
+    """A static file server over a temporary document root."""
+
+    def __init__(self, workdir: Path, port: int):
+        self.dir = workdir
+        self.port = port
+        self.root = workdir / "www"
+        self.root.mkdir(parents=True, exist_ok=True)
+        (workdir / "tmp").mkdir(exist_ok=True)
+        self.conf = workdir / "nginx.conf"
+        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port))
+        self.error_log = workdir / "error.log"
+        self.proc = None
+
+    def start(self):
+        # -e keeps even the earliest start-up messages out of the system's log directory.
+        self._out = open(self.dir / "stderr.txt", "w")
+        self.proc = subprocess.Popen([NGINX_BIN, "-p", f"{self.dir}/", "-c", str(self.conf),
+                                      "-e", str(self.error_log), "-g", "daemon off;"],
+                                     stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._out,
+                                     start_new_session=True)
+        wait_listening(self.port, self.proc, "nginx", self.error_log)
+        return self
+
+    def stop(self):
+        if self.proc is not None:
+            stop_process_group(self.proc)
+            self._out.close()
+            self.proc = None
+
+    def url(self, path=""):
+        return f"http://127.0.0.1:{self.port}/{str(path).lstrip('/')}"
+
+    def put(self, relpath, data: bytes) -> Path:
+        p = self.root / relpath
+        p.parent.mkdir(parents=True, exist_ok=True)
+        p.write_bytes(data)
+        return p
+
+    def access_log(self):
+        try:
+            return (self.dir / "access.log").read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+
+class Redis:
+    """A throw-away Redis with the registry scripts loaded and their digests in `sha1_dir`."""
+
+    def __init__(self, workdir: Path, port: int, source_dir: Path):
+        self.dir = workdir
+        self.port = port
+        self.sha1_dir = workdir / "sha1"
+        self.log_path = workdir / "redis.log"
+        self.loader = Path(source_dir) / "tools/lbdb/load.sh"
+        self.proc = None
+
+    def start(self):
+        self.proc = subprocess.Popen([REDIS_BIN, "--port", str(self.port), "--bind", "127.0.0.1",
+                                      "--save", "", "--appendonly", "no", "--daemonize", "no",
+                                      "--dir", str(self.dir), "--logfile", str(self.log_path)],
+                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.DEVNULL, start_new_session=True)
+        wait_listening(self.port, self.proc, "redis-server", self.log_path)
+        # Accepting is not yet serving while the server loads; PING proves it answers.
+        deadline = time.monotonic() + 10
+        while self.cli("PING").strip() != "PONG":
+            assert time.monotonic() < deadline, f"redis never answered PING\n{self.log_path.read_text()}"
+            time.sleep(0.05)
+        self.load_scripts()
+        return self
+
+    def load_scripts(self):
+        """(Re)loads the scripts, for example after SCRIPT FLUSH."""
+        r = subprocess.run(["sh", str(self.loader), "127.0.0.1", str(self.port), str(self.sha1_dir)],
+                           capture_output=True, text=True, timeout=20)
+        assert r.returncode == 0, f"load.sh failed ({r.returncode}): {r.stdout}{r.stderr}"
+        return r.stdout
+
+    def cli(self, *args, timeout=10):
+        r = subprocess.run([REDIS_CLI, "-h", "127.0.0.1", "-p", str(self.port), *map(str, args)],
+                           capture_output=True, text=True, timeout=timeout, stdin=subprocess.DEVNULL)
+        return r.stdout
+
+    def stop(self):
+        if self.proc is not None:
+            stop_process_group(self.proc, signal.SIGKILL)
+            self.proc = None
+
+
+class Route:
+    """What the scripted source does for one request path.
+
+    status        status line behind "HTTP/1.1 " ("200" alone makes a line without a reason)
+    headers       extra (name, value) pairs, sent after Content-Length
+    body          body bytes
+    content_length "auto" (the body length), None (no header) or a number sent as it is
+    raw           exact bytes to send instead of a composed head and body
+    head_pause    seconds to wait between two pieces of the head, split at head_split
+                  (default: the middle of the head)
+    body_cut      send only this many body bytes, then do after_cut: "close" (orderly),
+                  "reset" (RST) or "stall" (hold the connection)
+    stall         send nothing at all and hold the connection
+    stall_timeout longest hold in seconds; a hold also ends when the peer closes
+    """
+
+    def __init__(self, status="200 OK", headers=(), body=b"", content_length="auto", raw=None,
+                 head_pause=None, head_split=None, body_cut=None, after_cut="close",
+                 stall=False, stall_timeout=3.0):
+        assert after_cut in ("close", "reset", "stall"), after_cut
+        assert stall_timeout <= 5, "connection threads must end within a few seconds"
+        self.status, self.headers, self.body = status, list(headers), bytes(body)
+        self.content_length, self.raw = content_length, raw
+        self.head_pause, self.head_split = head_pause, head_split
+        self.body_cut, self.after_cut = body_cut, after_cut
+        self.stall, self.stall_timeout = stall, stall_timeout
+
+    def head(self):
+        lines = [f"HTTP/1.1 {self.status}"]
+        if self.content_length == "auto":
+            lines.append(f"Content-Length: {len(self.body)}")
+        elif self.content_length is not None:
+            lines.append(f"Content-Length: {self.content_length}")
+        lines += [f"{k}: {v}" for k, v in self.headers]
+        return ("\r\n".join(lines) + "\r\n\r\n").encode("latin-1")
+
+
+NOT_FOUND = Route(status="404 Not Found", content_length=0)
+
+
+class BadSource:
+    """A loopback HTTP source whose answer per path is scripted with `route`."""
+
+    READ_TIMEOUT = 3.0
+
+    def __init__(self):
+        self.routes = {}
+        self.requests = []
+        self._lock = threading.Lock()
+        self._stop = threading.Event()
+        self._threads = []
+        self._srv = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self._srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._srv.bind(("127.0.0.1", 0))
+        self._srv.listen(64)
+        self._srv.settimeout(0.1)
+        self.port = self._srv.getsockname()[1]
+        self._acceptor = threading.Thread(target=self._accept_loop, name="bad-source", daemon=True)
+        self._acceptor.start()
+
+    def url(self, path=""):
+        return f"http://127.0.0.1:{self.port}/{str(path).lstrip('/')}"
+
+    def route(self, path, **behaviour):
+        """Scripts the answer for `path` (with its leading "/"); see Route for the keywords."""
+        r = Route(**behaviour)
+        with self._lock:
+            self.routes[path] = r
+        return r
+
+    def wait_requests(self, count=1, timeout=5):
+        """Waits until `count` requests were recorded and returns the list."""
+        deadline = time.monotonic() + timeout
+        while len(self.requests) < count and time.monotonic() < deadline:
+            time.sleep(0.02)
+        return list(self.requests)
+
+    def _accept_loop(self):
+        while not self._stop.is_set():
+            try:
+                conn, _ = self._srv.accept()
+            except socket.timeout:
+                continue
+            except OSError:
+                break
+            t = threading.Thread(target=self._serve, args=(conn,), daemon=True)
+            with self._lock:
+                self._threads = [x for x in self._threads if x.is_alive()] + [t]
+            t.start()
+
+    def _read_head(self, conn):
+        data = b""
+        deadline = time.monotonic() + self.READ_TIMEOUT
+        while b"\r\n\r\n" not in data and len(data) < 65536:
+            left = deadline - time.monotonic()
+            if left <= 0 or self._stop.is_set():
+                break
+            conn.settimeout(min(left, 0.2))
+            try:
+                chunk = conn.recv(4096)
+            except socket.timeout:
+                continue
+            if not chunk:
+                break
+            data += chunk
+        return data
+
+    def _hold(self, conn, seconds):
+        """Sends nothing until the peer closes, the time is up or the server stops."""
+        deadline = time.monotonic() + seconds
+        while not self._stop.is_set() and time.monotonic() < deadline:
+            conn.settimeout(0.1)
+            try:
+                if not conn.recv(4096):
+                    return
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+
+    def _pause(self, seconds):
+        self._stop.wait(min(seconds, 5))
+
+    def _serve(self, conn):
+        try:
+            raw = self._read_head(conn)
+            with self._lock:
+                self.requests.append(raw)
+            parts = raw.split(b" ", 2)
+            target = parts[1].decode("latin-1") if len(parts) >= 2 else ""
+            with self._lock:
+                r = self.routes.get(target) or self.routes.get(target.split("?", 1)[0]) or NOT_FOUND
+            conn.settimeout(self.READ_TIMEOUT)
+            if r.stall:
+                self._hold(conn, r.stall_timeout)
+                return
+            if r.raw is not None:
+                head, body = b"", bytes(r.raw)
+            else:
+                head, body = r.head(), r.body
+            if r.head_pause is not None and head:
+                cut = r.head_split if r.head_split is not None else len(head) // 2
+                conn.sendall(head[:cut])
+                self._pause(r.head_pause)
+                conn.sendall(head[cut:])
+            else:
+                conn.sendall(head)
+            if r.body_cut is None:
+                conn.sendall(body)
+                conn.shutdown(socket.SHUT_WR)
+                self._hold(conn, 1.0)  # let the peer read everything before the close
+                return
+            conn.sendall(body[:r.body_cut])
+            if r.after_cut == "stall":
+                self._hold(conn, r.stall_timeout)
+            elif r.after_cut == "reset":
+                conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        except OSError:
+            pass
+        finally:
+            conn.close()
+
+    def stop(self):
+        self._stop.set()
+        self._srv.close()
+        self._acceptor.join(timeout=2)
+        with self._lock:
+            threads = list(self._threads)
+        for t in threads:
+            t.join(timeout=STOP_TIMEOUT)
+        assert not any(t.is_alive() for t in threads), "bad_source connection thread did not end"
+
+
+def _family_of(host, family):
+    if family is not None:
+        return family
+    return socket.AF_INET6 if ":" in host else socket.AF_INET
+
+
+def udp_send(host, port, payload: bytes, family=None):
+    """Sends one datagram; the family follows the address unless given."""
+    fam = _family_of(host, family)
+    with socket.socket(fam, socket.SOCK_DGRAM) as s:
+        return s.sendto(payload, (host, port))
+
+
+def udp_send_mcast(group, port, payload: bytes, family=None, ttl=1):
+    """Sends one datagram to a multicast group through the loopback interface, looped back to
+    local members."""
+    fam = _family_of(group, family)
+    with socket.socket(fam, socket.SOCK_DGRAM) as s:
+        if fam == socket.AF_INET6:
+            idx = socket.if_nametoindex("lo")
+            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, idx)
+            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_LOOP, 1)
+            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_HOPS, ttl)
+            return s.sendto(payload, (group, port, 0, idx))
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("127.0.0.1"))
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 1)
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, ttl)
+        return s.sendto(payload, (group, port))

@@ -1,0 +1,339 @@
+"""The agent as a process: configuration errors, the configuration dump, CPU pinning, quit and
+debug signals, daemon mode with its pid file, and where the log goes (file, pipe, old file moved
+aside)."""
+import os
+import re
+import signal
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from conftest import VSK_BIN, free_port, render_config, run_vsk
+
+RULE = "-----------------------------------\n"
+PING = b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n"  # above the 32-byte low-water mark
+
+
+def ping(port, host="127.0.0.1", timeout=5):
+    """Sends the bare-path request and returns the answer head; every call makes the loop run a pass."""
+    fam = socket.AF_INET6 if ":" in host else socket.AF_INET
+    with socket.socket(fam, socket.SOCK_STREAM) as s:
+        s.settimeout(timeout)
+        s.connect((host, port))
+        s.sendall(PING)
+        data = b""
+        while b"\r\n\r\n" not in data:
+            chunk = s.recv(4096)
+            if not chunk:
+                break
+            data += chunk
+        return data
+
+
+def wait_until(what, fn, timeout=10):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if fn():
+            return
+        time.sleep(0.05)
+    raise AssertionError(f"timed out waiting for {what}")
+
+
+def process_gone(pid):
+    """True once the process has exited (a zombie nobody reaps counts as gone)."""
+    try:
+        state = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0]
+    except (FileNotFoundError, ProcessLookupError):
+        return True
+    return state in ("Z", "X")
+
+
+def dump_of(log):
+    """The configuration dump: the text between the first two rules."""
+    start = log.index(RULE)
+    end = log.index(RULE, start + len(RULE))
+    return log[start:end + len(RULE)]
+
+
+# ---------------------------------------------------------------- configuration
+
+
+def test_config_syntax_error_names_file_and_line(tmp_path):
+    path = tmp_path / "bad.conf"
+    log = tmp_path / "never.log"
+    path.write_text('vesk = {\n  log = { file = "%s"; };\n  runtime = { non_daemon = true; };\n'
+                    '  data_dir = ;\n};\n' % log)
+    r = run_vsk("-C", path)
+    assert r.returncode == 1, r.stderr
+    assert f"Error reading/parsing config file [{path}]: line 4: syntax error\n" in r.stderr
+    assert not log.exists()
+
+
+@pytest.mark.parametrize("change, text", [
+    (lambda v: v.pop("log"), "load_config: missing log section\n"),
+    (lambda v: v.pop("runtime"), "load_config: missing runtime section\n"),
+    (lambda v: v["log"].update(level="verbose"), "Invalid log level: verbose\n"),
+    (lambda v: v["log"].update(time_format="julian"), "Invalid time format: julian\n"),
+    (lambda v: v.update(udp_input={"is_gzipped": False}), "load_config: missing url for UDP channel\n"),
+    (lambda v: v["web_input"].update(port=70000), "invalid port value: [70000]\n"),
+    (lambda v: v["web_input"].update(protocol="sctp"), "invald protocol for ["),
+    (lambda v: v.update(data_dir="/nonexistent/vsk-data"),
+     "cannot accept [/nonexistent/vsk-data] as vesk.data_dir\n"),
+], ids=["no-log", "no-runtime", "bad-level", "bad-timefmt", "udp-no-url", "bad-port",
+        "bad-proto", "bad-data-dir"])
+def test_config_errors_exit_1_before_any_setup(tmp_path, change, text):
+    log = tmp_path / "vsk.log"
+    pid = tmp_path / "vsk.pid"
+    vesk = {
+        "log": {"file": str(log), "level": "info", "enable_syslog": False},
+        "runtime": {"non_daemon": True, "pidfile": str(pid)},
+        "web_input": {"ifc": "lo", "port": free_port()},
+        "data_dir": str(tmp_path),
+    }
+    change(vesk)
+    path = tmp_path / "vsk.conf"
+    path.write_text(render_config(vesk))
+    r = run_vsk("-C", path)
+    assert r.returncode == 1, r.stderr
+    assert text in r.stderr
+    # Nothing of the run-time was touched: no log file, no pid file.
+    assert not log.exists() and not pid.exists()
+
+
+def test_cpu_pinning(agents):
+    pinned = agents("pinned").start("-P", "0")
+    pid = pinned.proc.pid
+    assert f"vsk(pid={pid}) processor affinity set to CPU0\n" in pinned.log()
+    assert "\tCPU: 0\n" in dump_of(pinned.log())
+    assert Path(f"/proc/{pid}/status").read_text().count("Cpus_allowed_list:\t0\n") == 1
+
+    free = agents("free").start("-P", "-5")
+    assert "processor affinity" not in free.log()
+    assert "\tCPU:" not in dump_of(free.log())
+    assert pinned.stop() == 0 and free.stop() == 0
+
+
+def test_config_dump_defaults(agent):
+    agent.start()
+    port = agent.port
+    dump = dump_of(agent.log())
+    assert dump.startswith(RULE + "Log (regular):\n"
+                           f"\tpath   = {agent.log_path}\n"
+                           "\tlevel  = debug\n"
+                           "\tformat = local\n"
+                           "\trota:max size   = 64 Mb\n"
+                           "\trota:max files  = 16\n"
+                           "\trota:end-of-day = off (0)\n\n"
+                           "Runtime:\n"
+                           f"\tpid file = {agent.dir / 'vsk.pid'}\n"
+                           "\tflags: [non-daemon] [quiet] [cores]\n\n"
+                           "Listeners:\n"), dump
+    assert re.search(rf"\n\tuser listener\[lo:{port}\]: ifc=lo, af=\S+ port={port}\n\n", dump), dump
+    assert "\tmax-accepted=64\n\tI/O timeouts: user-rq=1000, admin-rq=0 custom-rq=0\n\n" in dump
+    assert dump.endswith("Misc:\n"
+                         f"\tdata directory       = [{agent.data_dir}]\n"
+                         "\trequest time-out     = 1 sec\n"
+                         "\tmax tasks            = 4096 \n"
+                         "\ttask time-out        = 5000 ms\n"
+                         "\tmmap up to           = 8 MB\n\n" + RULE), dump
+    assert "UDP input" not in dump and "Load-balancer DB" not in dump
+    assert agent.stop() == 0
+
+
+def test_config_dump_of_file_values(agent):
+    agent.vesk["log"].update(time_format="GMT", max_size_mb=2, max_files=3)
+    agent.vesk["runtime"].update(enforce_core_dumps=False, quiet=False)
+    agent.vesk.update(max_tasks=0, urq_tmout_sec=3, task_tmout_ms=700, max_mmap_mb=2,
+                      local_url_prefix="http://127.0.0.1:8080/seg/")
+    agent.vesk["web_input"][0]["alias"] = "front"
+    agent.start()
+    dump = dump_of(agent.log())
+    assert "\tformat = gmt\n\trota:max size   = 2 Mb\n\trota:max files  = 3\n" in dump
+    assert "\tflags: [non-daemon]\n" in dump
+    assert "\tuser listener[front]: ifc=lo, af=" in dump
+    assert dump.endswith("\trequest time-out     = 3 sec\n"
+                         "\tmax tasks            = 0 (unlimited)\n"
+                         "\ttask time-out        = 700 ms\n"
+                         "\tmmap up to           = 2 MB\n"
+                         "\tlocal URL prefix     = http://127.0.0.1:8080/seg\n\n" + RULE), dump
+    # Not quiet and in the foreground with a log file: the dump is repeated on standard error.
+    assert agent.stop() == 0
+    assert "\tmax tasks            = 0 (unlimited)\n" in agent.stderr()
+
+
+@pytest.mark.parametrize("suffix, fmt", [("", "gzip"), ("?zipped=1", "text")])
+def test_udp_channel_from_command_line(agent, suffix, fmt):
+    # The channel alone is enough of a listener.
+    del agent.vesk["web_input"]
+    url = f"udp://127.0.0.1:{free_port(kind=socket.SOCK_DGRAM)}{suffix}"
+    agent.start("-U", url)
+    log = agent.log()
+    assert f"\tUDP input            = [{url}] ifc=all fmt={fmt} lk=[none]\n" in dump_of(log)
+    assert re.search(rf"udl_ctx_init: fd\d+ set up to listen on \[{re.escape(url)}\]\n", log)
+    assert agent.stop() == 0
+
+
+# ---------------------------------------------------------------- lifecycle
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT],
+                         ids=lambda s: s.name)
+def test_quit_signals_end_cleanly(agent, sig):
+    pidfile = agent.dir / "vsk.pid"
+    # The configured pid file is removed at shut-down, even one that this run did not write.
+    pidfile.write_text("424242")
+    agent.start()
+    pid = agent.proc.pid
+    assert agent.stop(sig) == 0
+    log = agent.log()
+    assert f"QUIT-SIG({int(sig)})\n" in log
+    assert "vsk has been asked to quit.\n" in log
+    assert "vsk shut down\n" in log
+    assert re.search(rf" EXIT\(0\)\. PID={pid}\n$", log), log[-500:]
+    assert not pidfile.exists()
+
+
+def test_sigusr2_toggles_debug_logging(agent):
+    agent.vesk["log"]["level"] = "info"
+    agent.start()
+    port = agent.port
+    assert ping(port).startswith(b"HTTP/1.1 204 ")
+    assert "(DBG)" not in agent.log()
+
+    agent.proc.send_signal(signal.SIGUSR2)
+    agent.wait_for_log(r"T-DBG SIG\(12\)\n")
+    ping(port)  # the switch happens at the next idle pass
+    agent.wait_for_log(r"Log level PUSH \(DEBUG\)\n")
+    agent.wait_for_log(r"do_idle_tasks: now all DEBUG messages will be recorded\n")
+    ping(port)
+    agent.wait_for_log(r"\(DBG\).*on_read: data \[Rsc\]")
+
+    agent.proc.send_signal(signal.SIGUSR2)
+    agent.wait_for_log(r"T-DBG SIG\(12\)\n", count=2)
+    ping(port)
+    agent.wait_for_log(r"Log level POP \(DEBUG\)\n")
+    accepted = agent.log().count(f"Accepted lo:{port} request")
+    ping(port)
+    agent.wait_for_log(f"Accepted lo:{port} request", count=accepted + 1)
+    after_pop = agent.log().split("Log level POP (DEBUG)\n", 1)[1]
+    assert "(DBG)" not in after_pop, after_pop
+    assert agent.stop() == 0
+
+
+def start_daemon(agent):
+    """Launches the agent without -T; returns the launcher's exit status once it has returned."""
+    agent.vesk["runtime"]["non_daemon"] = False
+    agent.write_config()
+    with open(agent.stderr_path, "w") as err:
+        r = subprocess.run([VSK_BIN, "-C", str(agent.config_path)], stdin=subprocess.DEVNULL,
+                           stdout=subprocess.DEVNULL, stderr=err, cwd=agent.dir, timeout=10)
+    return r.returncode
+
+
+def test_daemon_mode_pidfile_and_sigterm(agent):
+    pidfile = agent.dir / "vsk.pid"
+    assert start_daemon(agent) == 0
+    wait_until("pid file", lambda: pidfile.exists() and pidfile.read_text().strip())
+    pid = int(pidfile.read_text())
+    try:
+        wait_until("STARTING", lambda: f"STARTING. PID={pid}\n" in agent.log())
+        assert os.readlink(f"/proc/{pid}/exe") == os.path.realpath(VSK_BIN)
+        assert os.getsid(pid) != os.getsid(0), "the daemon did not leave our session"
+        assert pidfile.read_text() == str(pid)  # no line end
+        assert f"Created pidfile [{pidfile}] with pid={pid}.\n" in agent.log()
+        assert "\tflags: [quiet] [cores]\n" in dump_of(agent.log())
+        assert ping(agent.port).startswith(b"HTTP/1.1 204 ")
+
+        os.kill(pid, signal.SIGTERM)
+        wait_until("daemon exit", lambda: process_gone(pid))
+    finally:
+        if not process_gone(pid):
+            os.kill(pid, signal.SIGKILL)
+    log = agent.log()
+    assert "vsk has been asked to quit.\n" in log
+    assert re.search(rf" EXIT\(0\)\. PID={pid}\n$", log), log[-500:]
+    assert not pidfile.exists()
+
+
+def test_daemon_needs_log_file(agent):
+    del agent.vesk["log"]["file"]
+    pidfile = agent.dir / "vsk.pid"
+    pidfile.write_text("424242")
+    agent.vesk["runtime"]["non_daemon"] = False
+    agent.write_config()
+    r = run_vsk("-C", agent.config_path, timeout=10)
+    assert r.returncode == 1, r.stderr
+    assert "Logfile must be specified to run as daemon\n" in r.stderr
+    assert "runtime_setup: FAILED (rc=1)" in r.stderr
+    assert not pidfile.exists()
+
+
+def test_daemon_needs_pid_file(agent):
+    # The launcher has already returned when the detached process finds it has no pid file.
+    del agent.vesk["runtime"]["pidfile"]
+    assert start_daemon(agent) == 0
+    wait_until("set-up failure", lambda: "runtime_setup: FAILED" in agent.log())
+    wait_until("EXIT line", lambda: " EXIT(" in agent.log(), timeout=2)
+    log = agent.log()
+    assert "create_pidfile_extra: no path specified\n" in log
+    assert re.search(r" EXIT\(1\)\. PID=\d+\n$", log), log[-500:]
+    assert "STARTING" not in log
+
+
+def test_failed_setup_in_foreground_exits_1(agent):
+    agent.start("-P", "1024", wait_for=None)
+    assert agent.wait_exit() == 1
+    log = agent.log()
+    pid = agent.proc.pid
+    assert f"Failed to pin this vsk(pid={pid}) to CPU1024\n" in log
+    assert "runtime_setup: FAILED (rc=-1)\n" in log
+    assert "STARTING" not in log
+    assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
+
+
+def test_log_through_pipe(agent):
+    target = agent.dir / "piped.log"
+    agent.vesk["log"]["file"] = f"|cat >> {target}"
+    agent.log_path = target  # what the harness reads as the log
+    agent.start()
+    pid = agent.proc.pid
+    assert agent.stop() == 0
+    log = agent.log()
+    assert f"STARTING. PID={pid}\n" in log
+    assert re.search(rf" EXIT\(0\)\. PID={pid}\n$", log), log[-500:]
+    assert not [p for p in os.listdir(agent.dir) if p.startswith("|")]
+
+
+def test_old_log_moved_aside_at_start(agents):
+    a = agents("moved")
+    old_mtime = 1_500_000_000
+    a.log_path.write_text("left by an earlier run\n")
+    os.utime(a.log_path, (old_mtime, old_mtime))
+    a.start()
+    first_pid = a.proc.pid
+    assert Path(f"{a.log_path}.{old_mtime}").read_text() == "left by an earlier run\n"
+    assert "left by an earlier run" not in a.log()
+    assert a.stop() == 0
+
+    # A restart moves the previous run's log aside under its modification time.
+    mtime = int(a.log_path.stat().st_mtime)
+    aside = Path(f"{a.log_path}.{mtime}")
+    a.start(wait_for=None)
+    wait_until("the previous log moved aside", aside.exists)
+    a.wait_for_log(rf"STARTING\. PID={a.proc.pid}\n")
+    previous = aside.read_text()
+    assert f"EXIT(0). PID={first_pid}\n" in previous
+    assert f"PID={first_pid}" not in a.log()
+    assert a.stop() == 0
+
+    # An empty file is not moved but written to.
+    b = agents("empty")
+    b.log_path.write_text("")
+    os.utime(b.log_path, (old_mtime, old_mtime))
+    b.start()
+    assert not Path(f"{b.log_path}.{old_mtime}").exists()
+    assert "STARTING" in b.log()
+    assert b.stop() == 0

@@ -1,0 +1,839 @@
+// The download engine: the agent context and its task table, the task state machine driven by
+// the source socket's events, the answer to the requesting client, deferred removal, and the
+// destination file from creation to the rename into place and its registration.
+#include "app.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "cfg.h"
+#include "fdio.h"
+#include "lbquery.h"
+#include "log.h"
+#include "main.h"
+#include "meta.h"
+#include "rq.h"
+#include "rqs.h"
+#include "syswrap.h"
+#include "timeop.h"
+#include "udl.h"
+
+LOG_MODULE(0, -1);
+
+vesk_ctx g_ctx;
+
+// Plain-write downloads pass through this buffer one read at a time; one thread, so one buffer.
+static char sbuf[DW_SBUF_SIZE];
+
+namespace {
+
+// Switches the log group to a task's tracking tag for the life of the guard.
+class group_guard {
+public:
+    explicit group_guard(const dw_task* dw)
+    {
+        snprintf(saved_, sizeof(saved_), "%s", log_get_group(g_log));
+        log_set_group(g_log, dw->trk_tag.sym8);
+    }
+    ~group_guard() { log_set_group(g_log, saved_); }
+    group_guard(const group_guard&) = delete;
+    group_guard& operator=(const group_guard&) = delete;
+
+private:
+    char saved_[sizeof(n64_tag) + 1];
+};
+
+timespec ms_to_ts(long ms)
+{
+    timespec ts;
+    ts.tv_sec = ms / 1000;
+    ts.tv_nsec = (ms % 1000) * 1000000L;
+    return ts;
+}
+
+bool state_is(const dw_task* dw, const char (&s)[4])
+{
+    return dw->state.num == mk_tag32(s);
+}
+
+} // namespace
+
+n32_tag dw_state(const char (&s)[4])
+{
+    n32_tag t;
+    set_tag32(&t, s);
+    return t;
+}
+
+size_t task_limit()
+{
+    return g_cfg->max_tasks ? g_cfg->max_tasks : static_cast<size_t>(DW_UNLIMITED_TASKS);
+}
+
+// ---- Agent context ------------------------------------------------------------------------------
+
+int raise_nofile_limit(size_t max_tasks)
+{
+    const size_t ntasks = max_tasks ? max_tasks : static_cast<size_t>(DW_UNLIMITED_TASKS);
+    // Limits beyond a few million tasks cannot be met anyway; the cap keeps the product finite.
+    const rlim_t need = static_cast<rlim_t>(std::min<size_t>(ntasks, 1u << 24)) * DW_FDS_PER_TASK +
+                        DW_FDS_RESERVE;
+    rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: getrlimit(RLIMIT_NOFILE) ERROR(%d): %s\n", e, strerror(e));
+        return -1;
+    }
+    if (rl.rlim_cur != RLIM_INFINITY && rl.rlim_cur < need) {
+        const rlim_t old = rl.rlim_cur;
+        rl.rlim_cur = (rl.rlim_max == RLIM_INFINITY) ? need : std::min(need, rl.rlim_max);
+        if (setrlimit(RLIMIT_NOFILE, &rl) != 0) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: setrlimit(RLIMIT_NOFILE, %lu) ERROR(%d): %s\n",
+                  static_cast<unsigned long>(rl.rlim_cur), e, strerror(e));
+            return -1;
+        }
+        zlogf(L_INFO, "%s: open files limit raised from %lu to %lu (hard limit %lu)\n",
+              static_cast<unsigned long>(old), static_cast<unsigned long>(rl.rlim_cur),
+              static_cast<unsigned long>(rl.rlim_max));
+    } else {
+        zlogf(L_INFO, "%s: open files limit %lu is enough for %zu tasks\n",
+              static_cast<unsigned long>(rl.rlim_cur), ntasks);
+    }
+    if (rl.rlim_cur != RLIM_INFINITY && rl.rlim_cur < need) {
+        zlogf(L_WARN, "%s: open files limit %lu is below the %lu needed for %zu tasks\n",
+              static_cast<unsigned long>(rl.rlim_cur), static_cast<unsigned long>(need), ntasks);
+        return 1;
+    }
+    return 0;
+}
+
+int init_vesk_ctx()
+{
+    ZASSERT(!g_ctx.is_ready);
+    set_tag32(&urq_cb.tag, "URQ");
+    rui_set_cb(RUI_USER, &urq_cb);
+    (void)raise_nofile_limit(g_cfg->max_tasks);
+
+    int rc = rui_ctx_init(&g_cfg->rui, &g_ctx.rui);
+    if (rc)
+        return rc;
+    rc = udl_ctx_init(&g_cfg->udp_cha, &g_ctx.udl);
+    if (rc)
+        return rc;
+
+    const size_t limit = task_limit();
+    const char* step = "init sources";
+    do {
+        xvlst_reset(&g_ctx.tasks);
+        // One fixed allocation: a task's address must not move while the loop and the hash
+        // refer to it. The mapping costs nothing until slots are touched.
+        if ((rc = xvlst_mmap_fixed(&g_ctx.tasks, limit, sizeof(dw_task))))
+            break;
+        step = "init pprm-tasks";
+        xvlst_reset(&g_ctx.pprm_tasks);
+        if ((rc = xv_reserve<dw_task*>(&g_ctx.pprm_tasks, limit, limit)))
+            break;
+        step = "creating task HT";
+        if ((rc = skht_create(&g_ctx.task_ht, limit, plHash, nullptr, 0)))
+            break;
+        if (g_cfg->lbdb.port > 0) {
+            step = "?";
+            if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
+                break;
+            if ((rc = lbdb_connect(g_cfg->lbdb.host, g_cfg->lbdb.port, g_cfg->lbdb.tmout)))
+                break;
+        }
+    } while (false);
+    if (rc) {
+        zlogf(L_ERR, "%s: failed to [%s], rc=%d\n", step, rc);
+        destroy_vesk_ctx();
+        return rc;
+    }
+    set_clk_now(&g_ctx.last_tmout_check, CLOCK_MONOTONIC);
+    g_ctx.last_rq_check = g_ctx.last_tmout_check;
+    g_ctx.last_task_id = 0;
+    g_ctx.is_ready = true;
+    zlogf(L_DEBUG, "%s: OK\n");
+    return 0;
+}
+
+void destroy_vesk_ctx()
+{
+    pprm_task_cleanup();
+    rm_all_tasks();
+    udl_ctx_destroy(&g_ctx.udl);
+    rui_ctx_destroy(&g_ctx.rui);
+    pprm_requests();
+    xvlst_reset(&g_ctx.pprm_tasks);
+    xvlst_reset(&g_ctx.tasks);
+    skht_destroy(g_ctx.task_ht, nullptr);
+    g_ctx.task_ht = nullptr;
+    if (g_cfg->lbdb.port > 0)
+        lbdb_destroy();
+    g_ctx.is_ready = false;
+    zlogf(L_INFO, "%s: OK\n");
+}
+
+// ---- Tasks --------------------------------------------------------------------------------------
+
+const char* url2key(const char* url)
+{
+    const char* p = strstr(url, "://");
+    return p ? p + 3 : url;
+}
+
+dw_task* get_dw_task(const char* key)
+{
+    void* data = nullptr;
+    if (skht_get(g_ctx.task_ht, key, &data) != 0 || !data) {
+        zlogf(L_DEBUG, "%s: [%s] not found\n", key);
+        return nullptr;
+    }
+    auto* dw = static_cast<dw_task*>(data);
+    ZASSERT(dw->tag.num == DOW_TAG);
+    return dw;
+}
+
+dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag)
+{
+    const ssize_t j = xvlst_add(&g_ctx.tasks, sizeof(dw_task), 1);
+    if (j < 0) {
+        zlogf(L_ERR, "%s: failed for [%s]\n", spec->url);
+        return nullptr;
+    }
+    dw_task* dw = xv_at<dw_task>(&g_ctx.tasks, static_cast<size_t>(j));
+    memset(dw, 0, sizeof(*dw));
+    set_tag32(&dw->tag, "DOW");
+    dw->spec = *spec;
+    dw->trk_tag = trk_tag;
+    dw->idx = j;
+    dw->sfd = dw->dfd = dw->cfd = -1;
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+
+    const char* key = url2key(dw->spec.url);
+    void* data = dw;
+    if (const int rc = skht_add(g_ctx.task_ht, key, &data)) {
+        zlogf(L_ERR, "%s: ERROR(%d) hashing [%s] data=%p\n", rc, key, data);
+        (void)xvlst_del(&g_ctx.tasks, static_cast<size_t>(j), nullptr);
+        return nullptr;
+    }
+    dw->is_hashed = true;
+    zlog(L_NORM, "TASK-START [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n",
+         dw->trk_tag.sym8, static_cast<void*>(dw), dw->idx, dw->spec.url, dw->spec.fpath,
+         static_cast<unsigned long>(dw->spec.content_length), static_cast<long>(dw->spec.expiry_tm),
+         dw->spec.lid);
+    zlogf(L_DEBUG, "%s: %s (%p), j=%zd k=[%s] added\n", dw->trk_tag.sym8, static_cast<void*>(dw), j,
+          key);
+    return dw;
+}
+
+void set_dw_state(dw_task* dw, n32_tag state)
+{
+    zlogf(L_DEBUG, "%s: %s %s -> %s\n", dw->trk_tag.sym8, dw->state.sym4, state.sym4);
+    dw->state = state;
+}
+
+int connect_to_src(const char* url, usock_ctx* sctx)
+{
+    memset(sctx, 0, sizeof(*sctx));
+    sctx->inbound = false;
+    sctx->non_blocking = true;
+    sctx->skip_http = true; // the GET goes out from request_data_stream once connected
+    sctx->timeout_ms = DW_SRC_TMOUT_MS;
+    const int fd = usock_open(url, sctx);
+    if (fd < 0) {
+        zlogf(L_ERR, "%s: failed to open [%s]\n", url);
+        return -1;
+    }
+    zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
+    return fd;
+}
+
+int mk_dw_task(int cfd, const dw_spec* spec)
+{
+    zlogf(L_DEBUG, "%s: fd%d url=[%s]\n", cfd, spec->url);
+    ZASSERT(g_ctx.task_ht);
+    const size_t limit = task_limit();
+    if (g_ctx.tasks.len >= limit) {
+        zlogf(L_ERR, "%s: limit on tasks exceeded [%zu]\n", limit);
+        return -1;
+    }
+    if (const dw_task* old = get_dw_task(url2key(spec->url))) {
+        zlogf(L_ERR, "%s: task already present (%p) %s url=%s\n", static_cast<const void*>(old),
+              old->trk_tag.sym8, old->spec.url);
+        return 17;
+    }
+    n64_tag tag;
+    rui_mk_trknum(&g_ctx.last_task_id, &tag, 'T', 10000);
+    dw_task* dw = add_dw(spec, tag);
+    if (!dw)
+        return -1;
+    log_set_group(g_log, dw->trk_tag.sym8);
+
+    if (cfd < 0) {
+        dw->cfd = -1;
+        zlogf(L_INFO, "%s: no client connection\n");
+    } else {
+        // The request object closes its own descriptor when it goes; the task answers later
+        // through this duplicate.
+        dw->cfd = dup(cfd);
+        if (dw->cfd < 0) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: dup(fd%d) ERROR(%d): %s\n", cfd, e, strerror(e));
+            free_dw(dw);
+            return e;
+        }
+        zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
+    }
+    dw->sfd = connect_to_src(dw->spec.url, &dw->sctx);
+    if (dw->sfd == -1) {
+        free_dw(dw);
+        return -1;
+    }
+    if (const int rc = rqs_add_writer(dw->sfd, dw)) {
+        zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
+        free_dw(dw);
+        return rc;
+    }
+    set_dw_state(dw, dw_state("ini"));
+    ZASSERT(dw->tag.num == DOW_TAG);
+    return 0;
+}
+
+int unhash_task(dw_task* dw)
+{
+    if (!dw->is_hashed)
+        return 0;
+    const char* key = url2key(dw->spec.url);
+    const int rc = skht_rm(g_ctx.task_ht, key, nullptr);
+    if (rc)
+        zlogf(L_ERR, "%s: failed to un-hash [%s] (%p), rc=%d\n", key, static_cast<void*>(dw), rc);
+    dw->is_hashed = false;
+    if (!rc)
+        zlogf(L_DEBUG, "%s: %s (%p) k=[%s] OK\n", dw->trk_tag.sym8, static_cast<void*>(dw), key);
+    return rc;
+}
+
+void free_dw(dw_task* dw)
+{
+    zlogf(L_DEBUG, "%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", dw->trk_tag.sym8,
+          static_cast<void*>(dw), dw->spec.url, dw->spec.fpath, dw->idx);
+    if (dw->idx >= 0 && dw->spec.url[0])
+        zlog(L_NORM, "TASK-END [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n",
+             dw->trk_tag.sym8, static_cast<void*>(dw), dw->idx, dw->spec.url, dw->spec.fpath,
+             static_cast<unsigned long>(dw->spec.content_length),
+             static_cast<long>(dw->spec.expiry_tm), dw->spec.lid);
+    dw->tag.sym4[0] = '#';
+    (void)unhash_task(dw);
+
+    if (dw->sfd > 0) {
+        // A state is only set once the socket was registered; closing alone would leave the
+        // loop's count of its descriptors too high.
+        if (dw->state.num)
+            (void)rqs_rm_fd(dw->sfd, true, true);
+        usock_close(dw->sfd, &dw->sctx);
+        dw->sfd = -1;
+    }
+    if (dw->cfd > 0) {
+        (void)W_close(__func__, dw->cfd);
+        dw->cfd = -1;
+    }
+    if (dw->dfd > 0) {
+        (void)W_close(__func__, dw->dfd);
+        dw->dfd = -1;
+    }
+    if (dw->is_mmapped) {
+        ZASSERT(dw->buf && dw->buflen);
+        if (munmap(dw->buf, dw->buflen)) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: munmap(fd%d, .., %zu) ERROR(%d): %s\n", dw->dfd, dw->buflen, e,
+                  strerror(e));
+        }
+        dw->buf = nullptr;
+        dw->buflen = 0;
+        dw->is_mmapped = false;
+        zlogf(L_DEBUG, "%s: unmapped fd%d, buf=%p, %zu bytes\n", dw->dfd,
+              static_cast<void*>(dw->buf), dw->buflen);
+    }
+    // Only a file this task created is removed: an unfinished file of the same name may belong to
+    // another task that is still writing it.
+    if (dw->has_dfile && is_unfinished_seg(dw->spec.fpath)) {
+        zlogf(L_WARN, "%s: removing unfinished [%s]\n", dw->spec.fpath);
+        (void)W_unlink(__func__, dw->spec.fpath);
+        dw->spec.fpath[0] = '\0';
+    }
+    dw->has_dfile = false;
+    free(dw->buf);
+    dw->buf = nullptr;
+    dw->hresp = nullptr;
+    if (dw->spec.lid[0]) {
+        lid_unlock(dw->spec.lid);
+        dw->spec.lid[0] = '\0';
+    }
+    if (dw->idx >= 0) {
+        (void)xvlst_del(&g_ctx.tasks, static_cast<size_t>(dw->idx), nullptr);
+        dw->idx = -1;
+    }
+}
+
+void free_dw_elem(void* data, size_t i)
+{
+    free_dw(static_cast<dw_task*>(data) + i);
+}
+
+// pprm_tasks holds pointers to tasks.
+static void free_dw_ptr_elem(void* data, size_t i)
+{
+    free_dw(static_cast<dw_task**>(data)[i]);
+}
+
+void rm_all_tasks()
+{
+    if (g_ctx.tasks.len) {
+        zlogf(L_DEBUG, "%s: %zu tasks to purge:\n", g_ctx.tasks.len);
+        xvlst_purge_all(&g_ctx.tasks, free_dw_elem);
+    } else {
+        zlogf(L_DEBUG, "%s: no tasks to purge.\n");
+    }
+}
+
+// Sends the chosen response to the client and closes the client duplicate.
+static void answer_client(dw_task* dw)
+{
+    ZASSERT(dw->cfd >= 0);
+    dw->hresp->server = get_app_tag(g_app_name);
+    zlogf(L_DEBUG, "%s: sending response to client fd%d\n", dw->cfd);
+    if (send_http_response(dw->cfd, dw->hresp) == 0)
+        zlogf(L_DEBUG, "%s: HTTP%d response sent to fd%d\n", dw->hresp->code, dw->cfd);
+    (void)W_close(__func__, dw->cfd);
+    zlogf(L_DEBUG, "%s: fd%d client connection closed\n", dw->cfd);
+    dw->cfd = -1;
+}
+
+int request_data_stream(dw_task* dw)
+{
+    int rc = usock_http_get(dw->sfd, dw->spec.url, 0);
+    if (rc == 0) {
+        rc = rqs_mod(dw->sfd, dw, RQS_READ);
+        if (rc)
+            zlogf(L_ERR, "%s: rqs_mod(fd%d,...) FAILED\n", dw->sfd);
+    }
+    if (rc == 0) {
+        set_dw_state(dw, dw_state("rsp"));
+        zlogf(L_DEBUG, "%s: awaiting response from %s\n", dw->spec.url);
+        return 0;
+    }
+    dw->hresp = &g_resp_bad;
+    if (dw->cfd >= 0)
+        answer_client(dw);
+    else
+        zlogf(L_INFO, "%s: no client, skipping response\n");
+    if (pprm_task(dw)) {
+        zlogf(L_WARN, "%s: could not pprm %s\n", dw->trk_tag.sym8);
+        free_dw(dw);
+    }
+    return 0;
+}
+
+int read_src_response(dw_task* dw)
+{
+    char* buf = static_cast<char*>(calloc(1, DW_RESP_BUFSZ));
+    if (!buf)
+        return -12;
+    zlogf(L_DEBUG, "%s: reading HTTP response from fd=%d\n", dw->sfd);
+
+    // The buffer and the context live for this call only: the bytes of a partial head are
+    // dropped, and the next event reads what follows as a head of its own.
+    http_resp_ctx resp{};
+    int rc = recv_http_response(dw->sfd, buf, DW_RESP_BUFSZ - 1, &resp);
+    if (rc == 11) {
+        zlogf(L_DEBUG, "%s: expecting more data from fd%d\n", dw->sfd);
+        set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+        free(buf);
+        return 11;
+    }
+    const bool got_status = rc == 0;
+    if (rc == 0) {
+        if (resp.code >= 200 && resp.code <= 299) {
+            if (check_dest_path(dw->spec.fpath) == -16) {
+                dw->hresp = &g_resp_denied;
+                rc = -16;
+            } else if ((rc = mk_dest_file(dw, buf, &resp))) {
+                dw->hresp = &g_resp_err;
+            } else {
+                dw->hresp = &g_resp_ok;
+            }
+        } else {
+            zlogf(L_ERR, "%s: expected HTTP 2xx, got HTTP %d\n", resp.code);
+            rc = -1;
+        }
+    }
+    free(buf);
+
+    if (dw->cfd != -1) {
+        if (!dw->hresp) {
+            if (rc == 0 || got_status) {
+                dw->hresp = http_code_resp(resp.code);
+                zlogf(L_DEBUG, "%s: response picked for HTTP%d\n", resp.code);
+            } else {
+                zlogf(L_DEBUG, "%s: defaulting to HTTP%d\n", 500);
+                dw->hresp = &g_resp_err;
+            }
+        }
+        answer_client(dw);
+    } else {
+        zlogf(L_INFO, "%s: no client, skipping response\n");
+    }
+    if (rc)
+        return rc;
+    zlogf(L_INFO, "%s: ready to download %zu bytes to [%s]\n", dw->content_length, dw->spec.fpath);
+    set_dw_state(dw, dw_state("dnl"));
+    return 0;
+}
+
+int dw_write(dw_task* dw)
+{
+    const group_guard gg(dw);
+    if (dw->is_quitting) {
+        zlogf(L_WARN, "%s: %s already quitting\n", dw->trk_tag.sym8);
+        return 0;
+    }
+    if (!state_is(dw, "ini"))
+        log_abort("%s: unexpected for %s (%p) in [%s]\n", __func__, dw->trk_tag.sym8,
+                  static_cast<void*>(dw), dw->state.sym4);
+    return request_data_stream(dw);
+}
+
+int dw_read(dw_task* dw)
+{
+    if (dw->is_quitting) {
+        zlogf(L_WARN, "%s: %s already quitting\n", dw->trk_tag.sym8);
+        return 0;
+    }
+    int rc = 0;
+    if (state_is(dw, "rsp")) {
+        rc = read_src_response(dw);
+        if (rc == 11)
+            rc = 0;
+        // A head that carried the whole body leaves nothing to wait for: the source need not
+        // send another byte (or close) for the download to finish.
+        else if (rc == 0 && state_is(dw, "dnl") && dw->nleft == 0)
+            rc = complete_download(dw);
+    } else if (state_is(dw, "dnl")) {
+        rc = read_fragment(dw);
+        if (rc == 0 && dw->nleft == 0)
+            rc = complete_download(dw);
+    } else {
+        log_abort("%s: unexpected for %s (%p) in [%s]\n", __func__, dw->trk_tag.sym8,
+                  static_cast<void*>(dw), dw->state.sym4);
+    }
+    if (rc) {
+        zlogf(L_ERR, "%s: removing %s due to error, rc=%d\n", dw->trk_tag.sym8, rc);
+        (void)pprm_task(dw);
+    }
+    return 0;
+}
+
+// ---- Deferred removal and periodic checks -------------------------------------------------------
+
+static int is_same_task(void* data, size_t i, const void* what)
+{
+    return static_cast<dw_task**>(data)[i] == what;
+}
+
+int pprm_task(dw_task* dw)
+{
+    if (xvlst_find(&g_ctx.pprm_tasks, dw, is_same_task, nullptr)) {
+        zlogf(L_WARN, "%s: task [%s] (%p) is already listed, skipping\n", dw->trk_tag.sym8,
+              static_cast<void*>(dw));
+        return 0;
+    }
+    dw->is_quitting = true;
+    (void)unhash_task(dw);
+    const ssize_t j = xv_push<dw_task*>(&g_ctx.pprm_tasks, dw, 64);
+    if (j < 0) {
+        zlogf(L_ERR, "%s: FAILED on [%s] (%p)\n", dw->trk_tag.sym8, static_cast<void*>(dw));
+        return -1;
+    }
+    zlogf(L_DEBUG, "%s: [%s] (%p) idx=%ld OK\n", dw->trk_tag.sym8, static_cast<void*>(dw),
+          static_cast<long>(j));
+    return 0;
+}
+
+void pprm_task_cleanup()
+{
+    if (!g_ctx.pprm_tasks.len)
+        return;
+    zlogf(L_DEBUG, "%s: %ld pprm tasks\n", static_cast<long>(g_ctx.pprm_tasks.len));
+    xvlst_purge_all(&g_ctx.pprm_tasks, free_dw_ptr_elem);
+}
+
+void pprm_requests()
+{
+    zlogf(L_DEBUG, "%s: BEGIN\n");
+    rui_pprm_all(&g_ctx.rui);
+    zlogf(L_DEBUG, "%s: END\n");
+}
+
+bool is_iocheck_time()
+{
+    const timespec tmo = ms_to_ts(static_cast<long>(g_cfg->task_tmout_ms));
+    if (!timed_out(&g_ctx.last_tmout_check, &tmo))
+        return false;
+    g_ctx.last_tmout_check = *rqs_now_ref();
+    return true;
+}
+
+int dw_tmout_check(void* data, size_t i)
+{
+    dw_task* dw = static_cast<dw_task*>(data) + i;
+    if (dw->is_quitting)
+        return 0;
+    const timespec tmo = ms_to_ts(static_cast<long>(g_cfg->task_tmout_ms));
+    if (!timed_out(&dw->last_io_tm, &tmo))
+        return 0;
+    // timed_out() guarantees that last_io_tm lies before the loop's time.
+    timespec d;
+    tspec_diff(rqs_now_ref(), &dw->last_io_tm, &d);
+    const long ms = (d.tv_sec > LONG_MAX / 1000 - 1) ? -1L : d.tv_sec * 1000 + d.tv_nsec / 1000000;
+    zlog(L_WARN, "[%s] (%p) timed out after %ld ms\n", dw->trk_tag.sym8, static_cast<void*>(dw),
+         ms);
+    (void)pprm_task(dw);
+    return 0;
+}
+
+int time_out_tasks()
+{
+    if (is_iocheck_time())
+        (void)xvlst_each(&g_ctx.tasks, dw_tmout_check, nullptr);
+    return 0;
+}
+
+int time_out_requests()
+{
+    if (is_iocheck_time())
+        rui_tmout_all(&g_ctx.rui, static_cast<u_int>(g_cfg->urq_tmout_sec) * 1000u);
+    return 0;
+}
+
+// ---- Destination files --------------------------------------------------------------------------
+
+bool dest_path_is_safe(const char* dst_path)
+{
+    if (!dst_path || !dst_path[0] || dst_path[0] == '/')
+        return false;
+    for (const char* seg = dst_path; *seg;) {
+        const char* end = strchr(seg, '/');
+        const size_t len = end ? static_cast<size_t>(end - seg) : strlen(seg);
+        if (len == 2 && seg[0] == '.' && seg[1] == '.')
+            return false;
+        if (!end)
+            break;
+        seg = end + 1;
+    }
+    return true;
+}
+
+int check_dest_path(const char* path)
+{
+    char final_path[DW_FPATH_LEN];
+    const int n = snprintf(final_path, sizeof(final_path), "%s", path);
+    ZASSERT(n > 0 && static_cast<size_t>(n) < sizeof(final_path));
+    if (cutoff_segext(final_path) != 0)
+        log_assert_fail("cutoff_segext(final_path) == 0", __FILE__, __LINE__, __func__);
+    if (access(final_path, F_OK) == 0) {
+        zlogf(L_ERR, "%s: destination [%s] is BUSY (already there)\n", final_path);
+        return -16;
+    }
+    return 0;
+}
+
+bool can_mmap_dw(const dw_task* dw)
+{
+    return dw->content_length <= (g_cfg->max_mmap_mb << DW_MB_SHIFT);
+}
+
+int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
+{
+    const bool has_tail = resp->tail >= 1;
+    const ssize_t hdr_len = has_tail ? resp->tail : resp->total;
+    ssize_t tail_len = has_tail ? resp->total - resp->tail : 0;
+
+    const long len = extract_num_hdr("Content-Length:", buf, static_cast<size_t>(hdr_len));
+    if (len <= 0) {
+        zlogf(L_ERR, "%s: invalid/missing content length: %zd\n", static_cast<ssize_t>(len));
+        return 22;
+    }
+    zlogf(L_DEBUG, "%s: [%s] length=%zd, tail=%zd\n", dw->spec.fpath, static_cast<ssize_t>(len),
+          tail_len);
+    dw->nleft = dw->content_length = static_cast<size_t>(len);
+    if (tail_len > len) {
+        // Bytes beyond the announced length are not part of the file; later reads never ask for
+        // them either.
+        zlogf(L_WARN, "%s: ignoring %zd bytes beyond the content length\n", tail_len - len);
+        tail_len = len;
+    }
+
+    dw->dfd = W_open(__func__, dw->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
+    if (dw->dfd < 0)
+        return errno;
+    dw->has_dfile = true;
+    if (const int rc = W_ftruncate(__func__, dw->dfd, static_cast<off_t>(dw->content_length)))
+        return rc;
+    zlogf(L_DEBUG, "%s: destination fd%d opened [%s], %zu bytes\n", dw->dfd, dw->spec.fpath,
+          dw->content_length);
+
+    const char* body = buf + (has_tail ? resp->tail : 0);
+    dw->f_pos = 0;
+    if (can_mmap_dw(dw)) {
+        void* map = mmap(nullptr, dw->content_length, PROT_WRITE,
+                         MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, dw->dfd, 0);
+        if (map == MAP_FAILED) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: mmap() for %zu bytes failed, ERROR(%d): %s\n", dw->content_length, e,
+                  strerror(e));
+            return -1;
+        }
+        dw->buf = static_cast<uint8_t*>(map);
+        dw->buflen = dw->content_length;
+        dw->is_mmapped = true;
+        if (tail_len > 0) {
+            zlogf(L_DEBUG, "%s: memcopy tail of %zd bytes\n", tail_len);
+            memcpy(dw->buf, body, static_cast<size_t>(tail_len));
+            dw->f_pos += tail_len;
+            dw->nleft -= static_cast<size_t>(tail_len);
+        }
+    } else {
+        if (W_lseek(__func__, dw->dfd, 0, SEEK_SET) < 0)
+            return -1;
+        dw->is_mmapped = false;
+        dw->buf = nullptr;
+        dw->buflen = 0;
+        if (tail_len > 0) {
+            zlogf(L_DEBUG, "%s: write tail of %zd bytes\n", tail_len);
+            const ssize_t n =
+                W_write_f(__func__, dw->dfd, body, static_cast<size_t>(tail_len), W_LOGALL);
+            if (n != tail_len) {
+                zlogf(L_ERR, "%s: under-write(fd%d) %zd/%zd\n", dw->dfd, n, tail_len);
+                return -1;
+            }
+            dw->f_pos += tail_len;
+            dw->nleft -= static_cast<size_t>(tail_len);
+        }
+    }
+    zlogf(L_DEBUG, "%s: created %s for [%s]\n", dw->is_mmapped ? "mmap" : "file", dw->spec.fpath);
+    return 0;
+}
+
+int read_fragment(dw_task* dw)
+{
+    int rc = 0;
+    ssize_t n = 0;
+    if (dw->nleft > 0) {
+        if (dw->is_mmapped) {
+            n = nread(dw->sfd, reinterpret_cast<char*>(dw->buf) + dw->f_pos, dw->nleft, 0);
+        } else {
+            n = nread(dw->sfd, sbuf, std::min<size_t>(dw->nleft, sizeof(sbuf)), 0);
+            if (n > 0) {
+                const ssize_t w = nwrite(dw->dfd, sbuf, static_cast<size_t>(n), 0);
+                if (w < n) {
+                    zlogf(L_ERR, "%s: under-write to fd%d: %zd/%zd\n", dw->dfd, w, n);
+                    rc = -1;
+                }
+            }
+        }
+        if (n == 0) {
+            // The source closed before the announced length arrived; waiting for another event
+            // would only see the same end of stream again.
+            rc = ECONNRESET;
+        } else if (n < 0) {
+            rc = errno ? errno : -1;
+        } else {
+            dw->f_pos += n;
+            if (static_cast<size_t>(n) > dw->nleft)
+                log_abort("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n,
+                          dw->nleft);
+            dw->nleft -= static_cast<size_t>(n);
+            zlogf(L_DEBUG, "%s: %zd bytes, total=%zd/%zu, %zu left\n", n,
+                  static_cast<ssize_t>(dw->f_pos), dw->content_length, dw->nleft);
+        }
+    }
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+    if (rc)
+        zlogf(L_ERR, "%s: [%s] failed, rc=%d\n", dw->spec.fpath, rc);
+    return rc;
+}
+
+int complete_download(dw_task* dw)
+{
+    if (dw->is_mmapped && msync(dw->buf, dw->buflen, MS_ASYNC)) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: msync(%p, %zu) on fd%d ERROR(%d): %s\n", static_cast<void*>(dw->buf),
+              dw->buflen, dw->dfd, e, strerror(e));
+        return -1;
+    }
+    if (dw->dfd >= 0) {
+        (void)W_close(__func__, dw->dfd);
+        dw->dfd = -1;
+    }
+    char* tmp_path = strdup(dw->spec.fpath);
+    if (!tmp_path)
+        return 12;
+    if (cutoff_segext(dw->spec.fpath) != 0)
+        log_assert_fail("cutoff_segext(dw->spec.fpath) == 0", __FILE__, __LINE__, __func__);
+
+    const int rc = rename(tmp_path, dw->spec.fpath);
+    if (rc) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: rename(%s, %s) ERROR(%d): %s\n", tmp_path, dw->spec.fpath, e,
+              strerror(e));
+    } else {
+        zlogf(L_DEBUG, "%s: rename(%s, %s): OK\n", tmp_path, dw->spec.fpath);
+    }
+    // The segment is registered even when the rename failed; callers of the registry learn of
+    // the failure from the missing file.
+    if (g_cfg->lbdb.port > 0)
+        (void)add_lbdb_url(&dw->spec);
+    free(tmp_path);
+    if (rc)
+        return rc;
+    zlog(L_NORM, "downloaded: %zu bytes, [%s] to [%s]\n", dw->content_length, dw->spec.url,
+         dw->spec.fpath);
+    (void)pprm_task(dw);
+    return 0;
+}
+
+int add_lbdb_url(const dw_spec* spec)
+{
+    ZASSERT(g_cfg->seg_url_pfx[0] && spec->dst_path[0]);
+    char url[256];
+    const int n = snprintf(url, sizeof(url), "%s/%s", g_cfg->seg_url_pfx, spec->dst_path);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof(url)) {
+        zlogf(L_ERR, "%s: n=%d, URL buffer error\n", n);
+        return -1;
+    }
+    zlogf(L_INFO, "%s: id=[%s], url=[%s], expiry=%lu\n", spec->dst_path, url,
+          static_cast<unsigned long>(spec->expiry_tm));
+    const int rc = lbdb_add_segurl(spec->dst_path, url, spec->expiry_tm);
+    if (rc)
+        zlogf(L_ERR, "%s: failed to add [%s]\n", url);
+    return rc;
+}
+
+bool is_local_url(const char* url)
+{
+    const char* pfx = g_cfg->seg_url_pfx;
+    const size_t n = strlen(pfx);
+    if (!n || strlen(url) < n)
+        return false;
+    return strncasecmp(url, pfx, n) == 0 && (url[n] == '/' || url[n] == '\0');
+}

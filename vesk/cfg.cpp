@@ -1,0 +1,274 @@
+// The agent's configuration: defaults, the reader of the "vesk" group, command-line listeners,
+// the final check and the dump of the effective settings.
+#include "cfg.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+
+#include "config.h"
+#include "log.h"
+#include "netops.h"
+#include "util.h"
+
+LOG_MODULE(0, -1);
+
+static vesk_cfg g_vesk_cfg;
+vesk_cfg* const g_cfg = &g_vesk_cfg;
+
+static const char k_dump_rule[] = "-----------------------------------\n";
+
+int init_vesk_config(vesk_cfg* cfg)
+{
+    std::memset(cfg, 0, sizeof(*cfg));
+    cfg->log.level = L_INFO;
+    cfg->log.timefmt = 0;
+    cfg->log.enable_syslog = false;
+    cfg->log.max_size_mb = D_MAX_LOGSZ;
+    cfg->log.max_files = D_MAX_FILES;
+    cfg->rt.cpunum = 0;
+    cfg->max_tasks = 0;
+    cfg->task_tmout_ms = D_DW_TMOUT_MS;
+    // Listeners given only with -w/-W must still accept connections: without a web_input group
+    // nothing else would set the accept batch.
+    cfg->rui.max_accept = D_MAX_ACCEPT;
+    snprintf(cfg->data_dir, sizeof(cfg->data_dir), "%s", "/tmp");
+    return 0;
+}
+
+static int lookup_int(const config_t* lc, const char* path, int dflt)
+{
+    int value = 0;
+    if (config_lookup_int(lc, path, &value) != CONFIG_TRUE)
+        return dflt;
+    return value;
+}
+
+static bool lookup_member_bool(const config_setting_t* setting, const char* key, bool dflt)
+{
+    int value = 0;
+    if (config_setting_lookup_bool(setting, key, &value) != CONFIG_TRUE)
+        return dflt;
+    return value != 0;
+}
+
+static int load_udp_input(const config_setting_t* s, udp_lstn_cfg* udp)
+{
+    // A refused (too long) URL leaves the field empty, so it is reported as missing.
+    (void)load_config_setting_str(s, "url", udp->url, 127, "");
+    if (!udp->url[0]) {
+        zlog(L_ERR, "%s: missing url for UDP channel\n", "load_config");
+        return -1;
+    }
+    udp->is_gzipped = lookup_member_bool(s, "is_gzipped", true);
+    (void)load_config_setting_str(s, "mcast_ifc", udp->mifc, 31, "");
+    udp->must_lock = lookup_member_bool(s, "must_lock", true);
+    if (udp->must_lock)
+        (void)load_config_setting_str(s, "lock_dir", udp->lkdir, 127, "/tmp");
+    return 0;
+}
+
+// The groups read only at the first load: log, runtime, UDP input, web input, DB.
+static int load_sections(const config_t* lc, vesk_cfg* cfg)
+{
+    const config_setting_t* s = config_lookup(lc, "vesk.log");
+    if (!s) {
+        zlog(L_ERR, "%s: missing log section\n", "load_config");
+        return -1;
+    }
+    int rc = load_log_config(s, &cfg->log);
+    if (rc)
+        return rc;
+
+    s = config_lookup(lc, "vesk.runtime");
+    if (!s) {
+        zlog(L_ERR, "%s: missing runtime section\n", "load_config");
+        return -1;
+    }
+    rc = load_rt_config(s, &cfg->rt);
+    if (rc)
+        return rc;
+
+    s = config_lookup(lc, "vesk.udp_input");
+    if (s && load_udp_input(s, &cfg->udp_cha))
+        return -1;
+
+    s = config_lookup(lc, "vesk.web_input");
+    if (s) {
+        rc = get_listeners("web", s, cfg->rui.user);
+        if (rc) {
+            zlog(L_ERR, "%s: failed to load web listener(s)\n", "load_config");
+            return rc;
+        }
+        int max_accept = 0;
+        if (config_setting_lookup_int(s, "max_accept", &max_accept) != CONFIG_TRUE)
+            max_accept = D_MAX_ACCEPT;
+        cfg->rui.max_accept = static_cast<size_t>(max_accept);
+        cfg->rui.user_request_tmout = D_URQ_TMOUT_MS;
+    }
+
+    s = config_lookup(lc, "vesk.lbdb");
+    if (s)
+        return load_lbdb_cfg(s, &cfg->lbdb);
+    return 0;
+}
+
+int load_config(vesk_cfg* cfg, int is_reload)
+{
+    const config_t* lc = config_current();
+    ZASSERT(lc);
+    if (!is_reload) {
+        const int rc = load_sections(lc, cfg);
+        if (rc)
+            return rc;
+    }
+
+    (void)load_config_str("vesk.data_dir", cfg->data_dir, 127, "/tmp");
+    if (dir_check(cfg->data_dir, 1)) {
+        zlogf(L_ERR, "%s: cannot accept [%s] as %s\n", cfg->data_dir, "vesk.data_dir");
+        return -1;
+    }
+
+    (void)load_config_str("vesk.local_url_prefix", cfg->seg_url_pfx, 127, "");
+    if (cfg->lbdb.port != 0 && !cfg->seg_url_pfx[0]) {
+        zlogf(L_ERR, "%s: %s must be set for lbdb-enabled mode\n", "vesk.local_url_prefix");
+        return -1;
+    }
+    const size_t pfx_len = std::strlen(cfg->seg_url_pfx);
+    if (pfx_len > 0 && cfg->seg_url_pfx[pfx_len - 1] == '/')
+        cfg->seg_url_pfx[pfx_len - 1] = '\0';
+
+    // Integers are taken as the file gives them; no range is enforced.
+    cfg->urq_tmout_sec = lookup_int(lc, "vesk.urq_tmout_sec", D_URQ_TMOUT_MS / 1000);
+    cfg->max_tasks = static_cast<size_t>(lookup_int(lc, "vesk.max_tasks", D_MAX_TASKS));
+    cfg->task_tmout_ms = static_cast<size_t>(lookup_int(lc, "vesk.task_tmout_ms", D_DW_TMOUT_MS));
+    cfg->max_mmap_mb = static_cast<size_t>(lookup_int(lc, "vesk.max_mmap_mb", D_MAX_MMAP_MB));
+
+    if (is_reload)
+        zlogf(L_INFO, "%s: configuration re-loaded\n");
+    return 0;
+}
+
+int load_vesk_config(const char* path, vesk_cfg* cfg, uint32_t flags)
+{
+    config_t lc;
+    config_init(&lc);
+    FILE* fp = fopen(path, "r");
+    if (!fp) {
+        fprintf(stderr, "Failed to load [%s]\n", path);
+        config_destroy(&lc);
+        return -1;
+    }
+
+    int rc = 0;
+    if (config_read(&lc, fp) != CONFIG_TRUE) {
+        zlog(L_ERR, "Error reading/parsing config file [%s]: line %d: %s\n", path,
+             config_error_line(&lc), config_error_text(&lc));
+        rc = -1;
+    } else {
+        snprintf(cfg->config_path, sizeof(cfg->config_path), "%s", path);
+        config_set_current(&lc);
+        rc = load_config(cfg, static_cast<int>(flags & 0xFF));
+        config_set_current(nullptr);
+    }
+
+    fclose(fp);
+    config_destroy(&lc);
+    if (rc)
+        zlog(L_ERR, "%s: FAILED (%d)\n", "load_vesk_config", rc);
+    return rc;
+}
+
+void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
+{
+    fputs(k_dump_rule, stream);
+    dump_log_config(stream, "", &cfg->log, g_log);
+    dump_rt_config(stream, &cfg->rt);
+    dump_rui_config(stream, &cfg->rui);
+
+    const udp_lstn_cfg* udp = &cfg->udp_cha;
+    if (udp->url[0])
+        fprintf(stream, "\tUDP input            = [%s] ifc=%s fmt=%s lk=[%s]\n", udp->url,
+                udp->mifc[0] ? udp->mifc : "all", udp->is_gzipped ? "gzip" : "text",
+                udp->must_lock ? udp->lkdir : "none");
+
+    fputs("Misc:\n", stream);
+    fprintf(stream, "\tdata directory       = [%s]\n", cfg->data_dir);
+    fprintf(stream, "\trequest time-out     = %d sec\n", cfg->urq_tmout_sec);
+    fprintf(stream, "\tmax tasks            = %zu %s\n", cfg->max_tasks,
+            cfg->max_tasks ? "" : "(unlimited)");
+    fprintf(stream, "\ttask time-out        = %zu ms\n", cfg->task_tmout_ms);
+    fprintf(stream, "\tmmap up to           = %zu MB\n", cfg->max_mmap_mb);
+    if (cfg->seg_url_pfx[0])
+        fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
+    fputs("\n", stream);
+
+    if (cfg->lbdb.port > 0) {
+        fprintf(stream, "Load-balancer DB: %s:%d\n", cfg->lbdb.host, cfg->lbdb.port);
+        // The fraction is the raw microseconds field, so 1.5 s prints as 1.500000.
+        fprintf(stream, "\tConnect timeout        = %ld.%03ld sec\n",
+                static_cast<long>(cfg->lbdb.tmout.tv_sec),
+                static_cast<long>(cfg->lbdb.tmout.tv_usec));
+        fprintf(stream, "\tSHA1 directory         = %s\n", cfg->lbdb.sha1_path);
+    }
+    fputs(k_dump_rule, stream);
+}
+
+int add_web_cli(vesk_cfg* cfg, const char* spec, int af)
+{
+    char* dup = strdup(spec);
+    if (!dup)
+        return -12;
+    char* colon = std::strrchr(dup, ':');
+    if (!colon) {
+        zlogf(L_ERR, "%s: missing port number in %s\n", spec);
+        std::free(dup);
+        return 22;
+    }
+    *colon = '\0';
+    const char* ifname = dup;
+    const char* port = colon + 1;
+
+    rui_listener_cfg* slots = cfg->rui.user;
+    size_t free_pos = RUI_LISTENER_SLOTS;
+    for (size_t i = 0; i < RUI_LISTENER_SLOTS; ++i)
+        if (!slots[i].is_valid)
+            free_pos = i;
+
+    // The listener lands one slot below the free position found (the third slot of an empty
+    // table), and a repeated option overwrites the same slot: established behaviour, kept on
+    // purpose. With no free slot, or only the first one free, the first slot is used.
+    size_t target = 0;
+    if (free_pos == RUI_LISTENER_SLOTS)
+        zlogf(L_WARN, "%s: all interface slots are busy, [%s] will be replaced\n", slots[0].alias);
+    else if (free_pos > 0)
+        target = free_pos - 1;
+
+    rui_listener_cfg* l = &slots[target];
+    std::free(l->ifc);
+    std::memset(l, 0, sizeof(*l));
+    snprintf(l->alias, sizeof(l->alias), "%s", "web-cli");
+    l->index = target + 1;
+    l->proto = IPPROTO_TCP;
+    l->pref_af = af;
+    l->ifc = get_ifc_info(af, ifname);
+    if (!l->ifc) {
+        zlogf(L_ERR, "%s: invalid interface name: %s\n", ifname);
+        std::memset(l, 0, sizeof(*l));
+        std::free(dup);
+        return 22;
+    }
+    snprintf(l->port, sizeof(l->port), "%.5s", port);
+    set_tag32(&l->kind, "Web");
+    l->is_valid = true;
+    std::free(dup);
+    return 0;
+}
+
+int validate_config(const vesk_cfg* cfg)
+{
+    if (cfg->rui.user[0].is_valid || cfg->rui.custom[0].is_valid || cfg->udp_cha.url[0])
+        return 0;
+    zlogf(L_ERR, "%s: at least one listener must be present\n");
+    return -1;
+}

@@ -1,0 +1,72 @@
+// The agent's configuration: the one global record, its built-in defaults, the reader of the
+// "vesk" group of the configuration file, the listeners given on the command line, the final
+// consistency check and the dump of the effective settings.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "appcfg.h"
+#include "lbquery.h"
+
+// Built-in defaults.
+enum : size_t {
+    D_MAX_ACCEPT = 64,
+    D_MAX_FILES = 8,
+    D_MAX_TASKS = 4096,
+    D_URQ_TMOUT_MS = 1000,
+    D_MAX_LOGSZ = 8,
+    D_DW_TMOUT_MS = 5000,
+    D_MAX_MMAP_MB = 8,
+    DOOR_INDEX = 0,
+};
+
+// The UDP channel input.
+struct udp_lstn_cfg {
+    char url[128];  // the channel's address; empty: no channel
+    char mifc[32];  // multicast interface; empty: all interfaces
+    bool is_gzipped;
+    bool must_lock; // take a lock file per request
+    char lkdir[128];
+};
+
+struct vesk_cfg {
+    char config_path[128];
+    log_cfg log;
+    rt_cfg rt;
+    rui_cfg rui;
+    char data_dir[128];
+    udp_lstn_cfg udp_cha;
+    int urq_tmout_sec;     // client request time-out, seconds
+    size_t max_tasks;      // 0: unlimited
+    size_t task_tmout_ms;
+    size_t max_mmap_mb;    // larger destination files are written through a buffer
+    char seg_url_pfx[128]; // local URL prefix of downloaded segments
+    lbdb_cfg lbdb;         // lbdb.port 0: no database
+};
+
+// The process-wide configuration, filled at start-up and read by everything else.
+extern vesk_cfg* const g_cfg;
+
+// Zeroes the record and sets the built-in defaults; returns 0.
+int init_vesk_config(vesk_cfg* cfg);
+
+// Parses the file at `path` and reads its "vesk" group into `cfg`. The low byte of `flags` is the
+// re-load flag: a re-load refreshes only the data directory, the URL prefix and the numbers.
+// 0, or -1 (the file cannot be opened or parsed, or a key was refused), or a section reader's code.
+[[nodiscard]] int load_vesk_config(const char* path, vesk_cfg* cfg, uint32_t flags);
+
+// Reads the keys of the configuration being loaded (see config_current()); stops at the first
+// failure and returns it.
+[[nodiscard]] int load_config(vesk_cfg* cfg, int is_reload);
+
+// Prints the effective configuration.
+void dump_vesk_config(FILE* stream, const vesk_cfg* cfg);
+
+// Adds a web listener given on the command line as "ifc:port" for `af` (AF_INET or AF_INET6).
+// 0; 22 when the port is missing or the interface is unknown; -12 when out of memory.
+[[nodiscard]] int add_web_cli(vesk_cfg* cfg, const char* spec, int af);
+
+// Accepts the configuration only when there is a user or custom listener or a UDP channel.
+// 0 or -1.
+[[nodiscard]] int validate_config(const vesk_cfg* cfg);
