@@ -208,10 +208,13 @@ int fwd_http_rq(int sockfd, const char* uri, const char* server, uint32_t flags)
         return -1;
     char host[HOST_SIZE] = "";
     char port[PORT_SIZE] = "";
-    const char* const tail =
+    const char* tail =
         uri_path_addrport(path, std::strlen(path), host, sizeof host, port, sizeof port);
     if (!tail)
         return -1;
+    // For an IPv6 literal without a port the parser stops on the closing bracket.
+    if (*tail == ']')
+        ++tail;
     if (*tail == '\0') {
         zlogf(L_ERR, "%s: URI has no path tail: %s\n", uri);
         return -1;
@@ -255,9 +258,14 @@ int send_http_request(int sockfd, const http_request* rq)
     }
     const char* const host = (rq->host_addr && rq->host_addr[0]) ? rq->host_addr : "localhost";
     char hosttext[RQ_HOST_SIZE];
+    // An IPv6 literal goes back into brackets, or servers could not tell its port from its groups.
+    const bool v6 = std::strchr(host, ':') != nullptr;
+    const char* const lb = v6 ? "[" : "";
+    const char* const rb = v6 ? "]" : "";
     const int hn = is_blank_text(rq->host_port)
-                       ? snprintf(hosttext, sizeof hosttext, "%s", host)
-                       : snprintf(hosttext, sizeof hosttext, "%s:%s", host, rq->host_port);
+                       ? snprintf(hosttext, sizeof hosttext, "%s%s%s", lb, host, rb)
+                       : snprintf(hosttext, sizeof hosttext, "%s%s%s:%s", lb, host, rb,
+                                  rq->host_port);
     if (hn < 0 || hn >= static_cast<int>(sizeof hosttext)) {
         zlogf(L_ERR, "%s: host buffer is too small, %d bytes needed\n", hn + 1);
         return -1;
@@ -332,7 +340,13 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     int minor = 0;
     int code = 0;
     char reason[32] = "";
-    const int parsed = sscanf(buf, "HTTP/%1d.%1d %d %31s\r\n", &major, &minor, &code, reason);
+    // Scan the status line alone: a bare "%s" would skip the line end and take the next header's
+    // name as the reason, letting a status line without one through.
+    char status_line[128];
+    const size_t line_len = strcspn(buf, "\r\n");
+    snprintf(status_line, sizeof(status_line), "%.*s", static_cast<int>(line_len), buf);
+    const int parsed =
+        sscanf(status_line, "HTTP/%1d.%1d %d %31s\r\n", &major, &minor, &code, reason);
     if (parsed < 4) {
         zlogf(L_ERR, "%s: parsed %d < 4 elements (expected to be parsed)\n", parsed);
         return -1;

@@ -202,6 +202,12 @@ TEST_F(WopenTest, GetTextWithHostAndPort)
     ASSERT_EQ(usock_http_get(fd, "http://127.0.0.1/b.ts", 0), 0);
     EXPECT_EQ(read_head(peer), expected_get("/b.ts", "127.0.0.1"));
 
+    // An IPv6 literal with and without a port: the path starts after the bracket either way.
+    ASSERT_EQ(usock_http_get(fd, "http://[::1]:8080/v6.ts", 0), 0);
+    EXPECT_EQ(read_head(peer), expected_get("/v6.ts", "[::1]:8080"));
+    ASSERT_EQ(usock_http_get(fd, "http://[::1]/v6.ts", 0), 0);
+    EXPECT_EQ(read_head(peer), expected_get("/v6.ts", "[::1]"));
+
     // The flag bits pick the version and the connection value.
     ASSERT_EQ(usock_http_get(fd, "http://src.example:81/c.ts", HTTP_RQ_V10 | HTTP_RQ_KEEPALIVE),
               0);
@@ -336,6 +342,7 @@ TEST_F(WopenTest, ResponseStatusLineTable)
         {"HTTP/1.1 404 Not Found\r\n\r\n", 0, 404},
         {"HTTP/1.0 206 Partial Content\n\n", 0, 206},
         {"HTTP/1.1 200\r\n\r\n", -1, 0}, // no reason phrase
+        {"HTTP/1.1 200\r\nContent-Length: 5\r\n\r\n", -1, 0}, // nor when headers follow
         {"HTTP/1.1 OK\r\n\r\n", -1, 0},
         {"HTTP/2 200 OK\r\n\r\n", -1, 0},
         {"ICY 200 OK\r\n\r\n", -1, 0},
