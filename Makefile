@@ -3,7 +3,7 @@ RELEASE_DIR := build/release
 TEST_DIR    := build/test
 JOBS        ?= $(shell nproc)
 
-.PHONY: all deps build build-test run test clean
+.PHONY: all deps build build-test run test bench clean
 
 all: build
 
@@ -19,7 +19,7 @@ $(TEST_DIR)/build.ninja:
 	      -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DVSK_SANITIZE=ON -DVSK_WERROR=ON
 
 build: $(RELEASE_DIR)/build.ninja
-	cmake --build $(RELEASE_DIR) -j $(JOBS)
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target vsk
 
 build-test: $(TEST_DIR)/build.ninja
 	cmake --build $(TEST_DIR) -j $(JOBS)
@@ -30,6 +30,10 @@ run: deps build
 
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# Download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
+bench: deps build
+	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
 
 clean:
 	rm -rf build

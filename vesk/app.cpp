@@ -756,7 +756,8 @@ int read_fragment(dw_task* dw)
             // would only see the same end of stream again.
             rc = ECONNRESET;
         } else if (n < 0) {
-            rc = errno ? errno : -1;
+            // A spurious wake-up leaves nothing to read: wait for the next event.
+            rc = (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : (errno ? errno : -1);
         } else {
             dw->f_pos += n;
             if (static_cast<size_t>(n) > dw->nleft)

@@ -56,7 +56,7 @@ user root root;
 pid {d}/nginx.pid;
 lock_file {d}/nginx.lock;
 error_log {d}/error.log info;
-events {{ worker_connections 256; }}
+events {{ worker_connections 4096; multi_accept on; }}
 http {{
     types {{ }}
     default_type application/octet-stream;

@@ -307,6 +307,37 @@ def test_log_through_pipe(agent):
     assert not [p for p in os.listdir(agent.dir) if p.startswith("|")]
 
 
+def test_log_rotated_at_its_size(agent):
+    agent.vesk["log"]["max_size_mb"] = 1
+    t0 = int(time.time())
+    agent.start()
+    port = agent.port
+
+    def rotated():
+        return sorted(p for p in agent.dir.iterdir() if re.fullmatch(r"vsk\.log\.\d+", p.name))
+
+    deadline = time.monotonic() + 60
+    while not rotated():
+        assert time.monotonic() < deadline, "no rotation after 60 s of pings"
+        for _ in range(20):
+            ping(port)
+    t1 = int(time.time())
+    assert len(rotated()) == 1
+    old = rotated()[0]
+    assert t0 <= int(old.name.rsplit(".", 1)[1]) <= t1
+    # The record that reached the limit is the last one of the old file (records are < 2 KiB).
+    assert 1048576 <= old.stat().st_size < 1048576 + 2048
+    older = old.read_text()
+    assert f"STARTING. PID={agent.proc.pid}\n" in older and RULE in older
+    first = agent.log().split("\n", 1)[0]
+    assert first.endswith(f"]: previous log rotated to [{old}] tm={old.name.rsplit('.', 1)[1]}, idx=0"), first
+    assert "STARTING" not in agent.log()
+    ping(port)
+    wait_until("records after the rotation", lambda: "PONG!" in agent.log())
+    assert agent.stop() == 0
+    assert rotated() == [old]
+
+
 def test_old_log_moved_aside_at_start(agents):
     a = agents("moved")
     old_mtime = 1_500_000_000

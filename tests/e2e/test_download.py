@@ -2,12 +2,14 @@
 data directory, the registry entry, and what is left behind (no unfinished file, no descriptor)
 when a request or its source goes wrong.
 """
+import hashlib
 import os
 import re
+import resource
+import selectors
 import socket
 import subprocess
 import time
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -54,6 +56,10 @@ def files_under(root: Path):
     return sorted(str(p.relative_to(root)) for p in root.rglob("*") if p.is_file())
 
 
+def digest(data: bytes):
+    return hashlib.sha256(data).hexdigest()
+
+
 def fd_count(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
@@ -85,12 +91,20 @@ def raw_request(port, text: bytes, timeout=5):
 
 # ---- Successful downloads -----------------------------------------------------------------------
 
-def test_download_is_answered_and_stored_byte_for_byte(agent, nginx):
-    """A small file goes through the memory map, one above max_mmap_mb through plain writes."""
-    agent.vesk["max_mmap_mb"] = 1
+MiB = 1048576
+
+
+@pytest.mark.parametrize("mmap_mb, small_len, big_len", [
+    (1, 200_000, 3 * MiB + 12345),
+    (None, 8 * MiB, 8 * MiB + 1),  # the default limit: exactly 8 MiB is still mapped
+], ids=["mmap-1", "default-edge"])
+def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, small_len, big_len):
+    """A file up to max_mmap_mb goes through the memory map, a larger one through plain writes."""
+    if mmap_mb is not None:
+        agent.vesk["max_mmap_mb"] = mmap_mb
     agent.start()
-    small = os.urandom(200_000)
-    big = os.urandom(3 * 1048576 + 12345)
+    small = os.urandom(small_len)
+    big = os.urandom(big_len)
     nginx.put("live/a.ts", small)
     nginx.put("live/big.ts", big)
 
@@ -101,14 +115,19 @@ def test_download_is_answered_and_stored_byte_for_byte(agent, nginx):
     assert r.status_line == "HTTP/1.1 200 OK", r
 
     agent.wait_for_log(r"downloaded: ", count=2)
+    agent.wait_for_log(r"TASK-END ", count=2)
     final_a = agent.data_dir / "live/a.ts"
     final_big = agent.data_dir / "live/big.ts"
     log = agent.log()
-    assert f"downloaded: {len(small)} bytes, [{nginx.url('live/a.ts')}] to [{final_a}]" in log
-    assert f"downloaded: {len(big)} bytes, [{nginx.url('live/big.ts')}] to [{final_big}]" in log
-    assert final_a.read_bytes() == small
-    assert final_big.read_bytes() == big
+    for data, name, final in ((small, "a.ts", final_a), (big, "big.ts", final_big)):
+        src = re.escape(nginx.url(f"live/{name}"))
+        assert f"downloaded: {len(data)} bytes, [{nginx.url(f'live/{name}')}] to [{final}]" in log
+        assert re.search(rf"TASK-START \[T\w+\] .*\[{src}\]->\[{re.escape(str(final))}-Vesk\]", log), name
+        # The task ends with its file under the final name: nothing to remove.
+        assert re.search(rf"TASK-END \[T\w+\] .*\[{src}\]->\[{re.escape(str(final))}\] ", log), name
+        assert digest(final.read_bytes()) == digest(data), name
     assert files_under(agent.data_dir) == ["live/a.ts", "live/big.ts"]
+    assert "removing unfinished" not in log
     assert f"created mmap for [{final_a}-Vesk]" in log
     assert f"created file for [{final_big}-Vesk]" in log
     # The expiry is ours: it never reaches the source. nginx logs once it has sent everything.
@@ -136,6 +155,34 @@ def test_request_head_in_pieces_with_a_body(agent, bad_source):
     agent.wait_for_log(r"downloaded: ")
     assert "request has tail data, dismissing the tail" in agent.log()
     assert (agent.data_dir / "p.ts").read_bytes() == b"p" * 500
+
+
+def test_request_head_never_completed_is_closed_unanswered(agent, bad_source):
+    agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
+    agent.start()
+    fds = fd_count(agent.proc.pid)
+    bad_source.route("/t.ts", body=b"t" * 100)
+    # Above the 32-byte low-water mark, but no line end: the head never completes.
+    start = f"GET /src/{bad_source.url('t.ts')}/dst/t.ts".encode()
+    assert len(start) >= 32
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=0.5) as s:
+        s.sendall(start)
+        agent.wait_for_log("need more data on URQ")
+        with pytest.raises(socket.timeout):
+            s.recv(4096)  # still open while the time-out runs
+        # No other traffic: the loop must wake by itself to time the request out.
+        s.settimeout(10)
+        data = b""
+        try:
+            while chunk := s.recv(4096):
+                data += chunk
+        except ConnectionResetError:
+            pass
+    assert data == b""
+    assert re.search(r"urq_timeout: TIME-OUT URQ \[u\w+\]", agent.log())
+    assert bad_source.requests == []
+    assert files_under(agent.data_dir) == []
+    assert wait_fds(agent.proc.pid, fds) == fds
 
 
 def test_empty_destination_takes_the_source_path_and_trailing_slash_data_dir(agent, nginx):
@@ -207,6 +254,38 @@ def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis
     assert zrange(redis, "live/old.ts") == {}
 
 
+@pytest.mark.parametrize("fault", ["no-digest-file", "script-flushed", "redis-down"])
+def test_registry_fault_fails_the_start(agent, redis, fault):
+    port = redis.port
+    if fault == "no-digest-file":
+        (redis.sha1_dir / "add_url.sha1").unlink()
+    elif fault == "script-flushed":
+        redis.cli("SCRIPT", "FLUSH")
+        sha1 = (redis.sha1_dir / "add_url.sha1").read_text().strip()
+        assert redis.cli("SCRIPT", "EXISTS", sha1).split() == ["0"]
+    else:
+        port = free_port()
+    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": port, "sha1_dir": str(redis.sha1_dir)}
+    agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
+    agent.start(wait_for=None)
+    rc = agent.wait_exit()
+    log = agent.log()
+    reason, status = {
+        "no-digest-file": (f"read_sha_signature: fopen({redis.sha1_dir}/add_url.sha1,...) ERROR(2): "
+                           "No such file or directory\n", 1),
+        "script-flushed": (f"lbdb_connect: failed for 127.0.0.1:{port}\n", 2),
+        "redis-down": ("lbdb_connect: redisConnectWithTimeout ERROR(1): Connection refused\n", 1),
+    }[fault]
+    assert reason in log, log[-3000:]
+    assert re.search(rf"init_vesk_ctx: failed to \[\?\], rc=-?{status}\n", log), log[-3000:]
+    assert rc == status
+    assert re.search(rf" EXIT\({status}\)\. PID={agent.proc.pid}\n$", log), log[-500:]
+    assert "STARTING" not in log
+    assert "stop_listeners: 1 [user] listener(s) destroyed\n" in log
+    with pytest.raises(ConnectionRefusedError):
+        socket.create_connection(("127.0.0.1", agent.port), timeout=2).close()
+
+
 # ---- Requests refused before any download -------------------------------------------------------
 
 def test_request_failure_table(agent, bad_source, tmp_path):
@@ -234,6 +313,9 @@ def test_request_failure_table(agent, bad_source, tmp_path):
         # Someone else's unfinished file of that name, fresh: not ours to replace.
         (dl_path(src, "live/busy.ts"), 400, "Bad request"),
         (dl_path(src, "%2F" + str(absolute).lstrip("/")), 400, "Bad request"),
+        # A query over 255 bytes; and one of 255 that no longer fits behind the source.
+        (dl_path(src, "q256.ts", "expiry=1&pad=" + "p" * 243), 400, "Bad request"),
+        (dl_path(src, "q255.ts", "expiry=1&pad=" + "p" * 242), 400, "Bad request"),
     ]
     for path, status, reason in cases:
         r = curl(agent.port, path)
@@ -245,6 +327,8 @@ def test_request_failure_table(agent, bad_source, tmp_path):
     assert agent.log().count("PONG!") == 1
     assert not outside.exists() and not absolute.exists()
     assert f"[{busy}] already exists" in agent.log()
+    assert "URI query length (256 bytes) is beyond the limit: 256\n" in agent.log()
+    assert "URI query is too long (255 bytes)" in agent.log()
     assert busy.read_bytes() == b"partial"
     assert files_under(agent.data_dir) == ["live/busy.ts-Vesk"]
     assert bad_source.requests == []
@@ -266,6 +350,8 @@ SOURCE_CASES = {
     "status_301": (dict(status="301 Moved Permanently", headers=[("Location", "/y.ts")],
                         content_length=0), 500, "Service error", False,
                    "expected HTTP 2xx, got HTTP 301"),
+    "status_503": (dict(status="503 Service Unavailable", content_length=0), 503,
+                   "Service Unavailable", False, "expected HTTP 2xx, got HTTP 503"),
     "status_206": (dict(status="206 Partial Content", body=BODY), 200, "OK", True,
                    "received: HTTP/1.1 206 Partial"),
     "no_length": (dict(body=BODY, content_length=None), 500, "Service error", False,
@@ -408,23 +494,74 @@ def test_task_limit_refuses_a_second_download(agent, bad_source):
     assert files_under(agent.data_dir) == ["other.ts"]
 
 
-def test_burst_of_concurrent_downloads(agent, nginx):
-    agent.start()
-    count = 50
-    payloads = {f"b{i:02d}.ts": os.urandom(20_000 + i * 997) for i in range(count)}
+def get_all(port, paths, timeout=120):
+    """Sends one GET per path, all at once over non-blocking sockets, and returns {path: bytes
+    received until the agent closed} (an OSError where the exchange failed)."""
+    sel = selectors.DefaultSelector()
+    answers = {}
+    try:
+        for path in paths:
+            s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+            s.setblocking(False)
+            s.connect_ex(("127.0.0.1", port))
+            sel.register(s, selectors.EVENT_WRITE,
+                         [path, f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode(), b""])
+        deadline = time.monotonic() + timeout
+        while sel.get_map() and time.monotonic() < deadline:
+            for key, events in sel.select(timeout=1):
+                s, st = key.fileobj, key.data
+                try:
+                    if events & selectors.EVENT_WRITE:
+                        st[1] = st[1][s.send(st[1]):]
+                        if not st[1]:
+                            sel.modify(s, selectors.EVENT_READ, st)
+                        continue
+                    chunk = s.recv(65536)
+                except (BlockingIOError, InterruptedError):
+                    continue
+                except OSError as e:
+                    answers[st[0]], chunk = e, None
+                if chunk:
+                    st[2] += chunk
+                    continue
+                answers.setdefault(st[0], st[2])
+                sel.unregister(s)
+                s.close()
+    finally:
+        for key in list(sel.get_map().values()):
+            key.fileobj.close()
+        sel.close()
+    return answers
+
+
+@pytest.mark.parametrize("count", [50, 1000])
+def test_burst_of_concurrent_downloads(agent, nginx, count):
+    payloads = {f"b{i:04d}.ts": os.urandom(2000 + i * 7) for i in range(count)}
     for name, data in payloads.items():
         nginx.put(f"burst/{name}", data)
-    fds = fd_count(agent.proc.pid)
+    # Started with a low limit of open files, the agent raises it for its tasks.
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(1024, hard), hard))
+    try:
+        agent.start()
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+    pid = agent.proc.pid
+    m = re.search(r"open files limit raised from 1024 to (\d+) \(hard limit (\d+)\)", agent.log())
+    assert m, agent.log()[-3000:]
+    limits = re.search(r"^Max open files\s+(\d+)\s+(\d+)", Path(f"/proc/{pid}/limits").read_text(), re.M)
+    assert limits.groups() == m.groups()
+    fds = fd_count(pid)
 
-    def fetch(name):
-        return curl(agent.port, dl_path(nginx.url(f"burst/{name}"), f"burst/{name}"), max_time=20)
-
-    with ThreadPoolExecutor(max_workers=count) as pool:
-        answers = dict(zip(payloads, pool.map(fetch, payloads)))
-    assert {n: a.status for n, a in answers.items()} == {n: 200 for n in payloads}, answers
-    agent.wait_for_log(r"downloaded: ", count=count, timeout=30)
+    paths = {dl_path(nginx.url(f"burst/{n}"), f"burst/{n}"): n for n in payloads}
+    answers = get_all(agent.port, paths)
+    answers = {n: answers.get(p, "no answer") for p, n in paths.items()}
+    status = {n: a.split(b"\r\n", 1)[0] if isinstance(a, bytes) else a for n, a in answers.items()}
+    assert status == {n: b"HTTP/1.1 200 OK" for n in payloads}, \
+        {n: st for n, st in status.items() if st != b"HTTP/1.1 200 OK"}
+    agent.wait_for_log(r"downloaded: ", count=count, timeout=60)
     agent.wait_for_log(r"TASK-END ", count=count, timeout=10)
     for name, data in payloads.items():
-        assert (agent.data_dir / "burst" / name).read_bytes() == data, name
+        assert digest((agent.data_dir / "burst" / name).read_bytes()) == digest(data), name
     assert files_under(agent.data_dir) == sorted(f"burst/{n}" for n in payloads)
-    assert wait_fds(agent.proc.pid, fds) == fds
+    assert wait_fds(pid, fds, timeout=10) == fds
