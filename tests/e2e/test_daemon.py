@@ -3,15 +3,17 @@ debug signals, daemon mode with its pid file, and where the log goes (file, pipe
 aside)."""
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 from pathlib import Path
 
 import pytest
 
-from conftest import VSK_BIN, free_port, render_config, run_vsk
+from conftest import PANIC_RE, VSK_BIN, free_port, render_config, run_vsk
 
 RULE = "-----------------------------------\n"
 PING = b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n"  # above the 32-byte low-water mark
@@ -281,6 +283,43 @@ def test_daemon_needs_pid_file(agent):
     assert "create_pidfile_extra: no path specified\n" in log
     assert re.search(r" EXIT\(1\)\. PID=\d+\n$", log), log[-500:]
     assert "STARTING" not in log
+
+
+def test_non_root_user_always_runs_in_the_foreground(agent):
+    # As another user the file's daemon setting is overridden: no log path needed, no pid file.
+    # pytest's own temporary tree is private to root, so this test works in a directory of its own.
+    work = Path(tempfile.mkdtemp(prefix="vsk-nobody-"))
+    try:
+        os.chmod(work, 0o777)
+        (work / "data").mkdir(mode=0o777)
+        os.chmod(work / "data", 0o777)
+        agent.vesk["runtime"] = {"non_daemon": False, "pidfile": str(work / "vsk.pid")}
+        del agent.vesk["log"]["file"]
+        agent.vesk["data_dir"] = str(work / "data")
+        conf = work / "vsk.conf"
+        conf.write_text(render_config(agent.vesk))
+        proc = subprocess.Popen(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                                 VSK_BIN, "-C", str(conf)],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        try:
+            wait_until("answer", lambda: ping_ok(agent.port))
+        finally:
+            proc.send_signal(signal.SIGTERM)
+            _, err = proc.communicate(timeout=10)
+        assert proc.returncode == 0, err
+        assert "\tflags: [non-daemon] [cores]\n" in err
+        assert "uid/gid = 65534/65534" in err
+        assert not (work / "vsk.pid").exists()
+        assert PANIC_RE.search(err) is None, err
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def ping_ok(port):
+    try:
+        return ping(port).startswith(b"HTTP/1.1 204 ")
+    except OSError:
+        return False
 
 
 def test_failed_setup_in_foreground_exits_1(agent):
