@@ -357,6 +357,25 @@ bool is_ping_request(const char* path)
     return slash_match(path, "ping");
 }
 
+// Splits a request path into its source and destination endpoints and URI-decodes both; 0, or -1
+// with the caller's log line ("parsing <what> [<shown>]" names the text the caller was given).
+static int split_endpoints(const char* caller, const char* path, size_t plen, char* uri_src,
+                           char* uri_dst, size_t ulen, const char* what, const char* shown)
+{
+    const int rc = uri_extract_endpts_ext(path, plen, uri_src, ulen, uri_dst, ulen);
+    if (rc != 0) {
+        zlog(L_ERR, "%s: error(%d) parsing %s [%s]\n", caller, rc, what, shown);
+        uri_src[0] = '\0';
+        uri_dst[0] = '\0';
+        return -1;
+    }
+    if (!uri_decode(uri_src, ulen) || !uri_decode(uri_dst, ulen)) {
+        zlog(L_ERR, "%s: error URI-decoding\n", caller);
+        return -1;
+    }
+    return 0;
+}
+
 int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t ulen,
                   http_header* user_hdr)
 {
@@ -392,17 +411,8 @@ int web_parse_urq(char* http, size_t hlen, char* uri_src, char* uri_dst, size_t 
         return WEB_PING;
     }
 
-    rc = uri_extract_endpts_ext(u.path, u.p_len, uri_src, ulen, uri_dst, ulen);
-    if (rc != 0) {
-        zlogf(L_ERR, "%s: error(%d) parsing request data [%s]\n", rc, url);
-        uri_src[0] = '\0';
-        uri_dst[0] = '\0';
+    if (split_endpoints(__func__, u.path, u.p_len, uri_src, uri_dst, ulen, "request data", url))
         return -1;
-    }
-    if (!uri_decode(uri_src, ulen) || !uri_decode(uri_dst, ulen)) {
-        zlogf(L_ERR, "%s: error URI-decoding\n");
-        return -1;
-    }
 
     if (u.query && u.q_len) {
         const size_t slen = std::strlen(uri_src);
@@ -438,18 +448,7 @@ int web_parse_url(const char* url, char* uri_src, char* uri_dst, size_t ulen)
     }
     char path[URI_PATH_MAX];
     excerpt(u.path, u.p_len, path);
-    const int xrc = uri_extract_endpts_ext(u.path, u.p_len, uri_src, ulen, uri_dst, ulen);
-    if (xrc != 0) {
-        zlogf(L_ERR, "%s: error(%d) parsing path [%s]\n", xrc, path);
-        uri_src[0] = '\0';
-        uri_dst[0] = '\0';
-        return -1;
-    }
-    if (!uri_decode(uri_src, ulen) || !uri_decode(uri_dst, ulen)) {
-        zlogf(L_ERR, "%s: error URI-decoding\n");
-        return -1;
-    }
-    return 0;
+    return split_endpoints(__func__, u.path, u.p_len, uri_src, uri_dst, ulen, "path", path);
 }
 
 int mk_http_xt_resp(const http_response* r, int version, char* buf, size_t buflen)
