@@ -1,5 +1,12 @@
-// Client of the load-balancer database: connection settings.
+// Client of the load-balancer database: the reader of its connection settings, the script digests,
+// the connection with its start-up check of the scripts, and the script calls with the rules by
+// which their replies are judged.
 #include "lbquery.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "config.h"
 #include "log.h"
@@ -38,11 +45,6 @@ int load_lbdb_cfg(const config_setting_t* setting, lbdb_cfg* lbq)
 }
 
 // ---- The client: digests, connection and the four script calls. ----
-
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 // The command formats are macros so that the same literal is both logged and sent, and both
 // uses are checked against their arguments.

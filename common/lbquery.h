@@ -1,11 +1,13 @@
 // Client of the load-balancer database: the Redis server where downloaded segments are registered
-// with their local URLs through server-side scripts called by digest. This part holds the
-// connection settings and their reader.
+// with their local URLs through server-side scripts called by digest. It holds the connection
+// settings and their reader, the digests read from files, the one connection and the script calls.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <sys/time.h>
 
+#include <hiredis/hiredis.h>
 #include <libconfig.h>
 
 enum : size_t {
@@ -38,9 +40,6 @@ struct lbdb_cfg {
 [[nodiscard]] int load_lbdb_cfg(const config_setting_t* setting, lbdb_cfg* lbq);
 
 // ---- The client: digests, connection and the four script calls. ----
-
-#include <ctime>
-#include <hiredis/hiredis.h>
 
 // Bits of `opt_flags` of lbdb_init().
 enum : uint32_t {

@@ -288,10 +288,57 @@ static int setup_connection(const char* who, int fd, int family, rui_socket_ctx*
     return rc;
 }
 
+// A datagram listener has no connections to accept, and a datagram left in its queue would make
+// the level-triggered loop report the listener on every pass. So what arrives is read and dropped,
+// at most `max` datagrams per readiness event as with connections, and one warning per event names
+// the count and the last sender. Messages go out under the name of `who`.
+static void drop_datagrams(const char* who, const rui_socket_ctx* srv, const char* alias,
+                           size_t max)
+{
+    size_t dropped = 0;
+    sockaddr_storage peer{};
+    socklen_t plen = 0;
+    while (!g_quit && dropped < max) {
+        char byte;
+        socklen_t len = sizeof peer;
+        // One byte is enough to take the whole datagram off the queue.
+        const ssize_t n = recvfrom(srv->sockfd, &byte, 1, MSG_DONTWAIT | MSG_TRUNC,
+                                   reinterpret_cast<sockaddr*>(&peer), &len);
+        if (n < 0) {
+            const int err = errno;
+            if (err == EINTR)
+                continue;
+            // A failed receive has taken a pending socket error with it, so the loop is quiet.
+            if (err != EAGAIN && err != EWOULDBLOCK)
+                zlog(L_ERR, "%s(%s): recvfrom(%d) ERROR(%d): %s\n", who, alias, srv->sockfd, err,
+                     strerror(err));
+            break;
+        }
+        plen = len;
+        ++dropped;
+    }
+    if (dropped == 0)
+        return;
+    char ptext[INET6_ADDRSTRLEN + 128];
+    const char* shown = saddr_str(reinterpret_cast<sockaddr*>(&peer), plen, ptext, sizeof ptext);
+    zlog(L_WARN, "%s(%s): %zu datagram(s) dropped, the last from %s: a datagram listener takes no "
+                 "requests\n",
+         who, alias, dropped, shown ? shown : "?");
+}
+
+static bool is_datagram_listener(const rui_socket_ctx* srv)
+{
+    return srv->lc && !srv->lc->domain_path[0] && srv->lc->proto == IPPROTO_UDP;
+}
+
 int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* data)
 {
     const char* alias = alias_of(srv);
     zlogf(L_DEBUG, "%s: from [%s]\n", alias);
+    if (is_datagram_listener(srv)) {
+        drop_datagrams(__func__, srv, alias, max_accept);
+        return 0;
+    }
     size_t accepted = 0;
     int rc = 0;
     while (!g_quit && max_accept > 0 && accepted < max_accept) {

@@ -124,7 +124,9 @@ void rui_ctx_destroy(rui_ctx* ctx);
 // The accept cycle of a readable listener: at most `max_accept` connections (0 accepts none) are
 // accepted, made non-blocking, given the receive low-water mark (and TCP_NODELAY with
 // RUI_TCP_NODELAY) when they are network connections, and queued. A connection whose set-up fails
-// is closed. Returns the set-up result of the last connection (0 when it was queued).
+// is closed. Returns the set-up result of the last connection (0 when it was queued). A UDP
+// listener takes no requests: up to `max_accept` pending datagrams are read, dropped with a
+// warning, and 0 is returned.
 int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* data);
 // Creates, queues and registers the request of an accepted descriptor. 0; 16 (EBUSY) when
 // MAX_RUI_QUEUED requests are queued already; -1 when new_rq refuses; the dispatcher's error. On

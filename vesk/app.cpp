@@ -12,6 +12,7 @@
 #include <strings.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cfg.h"
@@ -323,6 +324,30 @@ int unhash_task(dw_task* dw)
     return rc;
 }
 
+// True while the unfinished file at fpath is still the one this task created. A request for the
+// same destination treats an unfinished file that has not changed for a while as abandoned and
+// replaces it, so the name alone does not tell whose file it is; a file that is not ours is
+// neither renamed into place nor removed.
+static bool owns_dfile(const dw_task* dw)
+{
+    struct stat st;
+    return dw->has_dfile && stat(dw->spec.fpath, &st) == 0 && st.st_dev == dw->dfile_dev &&
+           st.st_ino == dw->dfile_ino;
+}
+
+// Sends the chosen response to the client and closes the client duplicate.
+static void answer_client(dw_task* dw)
+{
+    ZASSERT(dw->cfd >= 0);
+    dw->hresp->server = get_app_tag(g_app_name);
+    zlogf(L_DEBUG, "%s: sending response to client fd%d\n", dw->cfd);
+    if (send_http_response(dw->cfd, dw->hresp) == 0)
+        zlogf(L_DEBUG, "%s: HTTP%d response sent to fd%d\n", dw->hresp->code, dw->cfd);
+    (void)W_close(__func__, dw->cfd);
+    zlogf(L_DEBUG, "%s: fd%d client connection closed\n", dw->cfd);
+    dw->cfd = -1;
+}
+
 void free_dw(dw_task* dw)
 {
     zlogf(L_DEBUG, "%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", dw->trk_tag.sym8,
@@ -344,8 +369,18 @@ void free_dw(dw_task* dw)
         dw->sfd = -1;
     }
     if (dw->cfd > 0) {
-        (void)W_close(__func__, dw->cfd);
-        dw->cfd = -1;
+        // A started task owes its client the one answer until it has sent it. When it goes
+        // before that (the source reset the connection, shut-down), the client must not be left
+        // with an empty reply. A task that never started leaves the answer to its request.
+        if (dw->state.num) {
+            zlogf(L_WARN, "%s: %s ends before its client fd%d was answered\n", dw->trk_tag.sym8,
+                  dw->cfd);
+            dw->hresp = &g_resp_err;
+            answer_client(dw);
+        } else {
+            (void)W_close(__func__, dw->cfd);
+            dw->cfd = -1;
+        }
     }
     if (dw->dfd > 0) {
         (void)W_close(__func__, dw->dfd);
@@ -366,7 +401,7 @@ void free_dw(dw_task* dw)
     }
     // Only a file this task created is removed: an unfinished file of the same name may belong to
     // another task that is still writing it.
-    if (dw->has_dfile && is_unfinished_seg(dw->spec.fpath)) {
+    if (is_unfinished_seg(dw->spec.fpath) && owns_dfile(dw)) {
         zlogf(L_WARN, "%s: removing unfinished [%s]\n", dw->spec.fpath);
         (void)W_unlink(__func__, dw->spec.fpath);
         dw->spec.fpath[0] = '\0';
@@ -404,19 +439,6 @@ void rm_all_tasks()
     } else {
         zlogf(L_DEBUG, "%s: no tasks to purge.\n");
     }
-}
-
-// Sends the chosen response to the client and closes the client duplicate.
-static void answer_client(dw_task* dw)
-{
-    ZASSERT(dw->cfd >= 0);
-    dw->hresp->server = get_app_tag(g_app_name);
-    zlogf(L_DEBUG, "%s: sending response to client fd%d\n", dw->cfd);
-    if (send_http_response(dw->cfd, dw->hresp) == 0)
-        zlogf(L_DEBUG, "%s: HTTP%d response sent to fd%d\n", dw->hresp->code, dw->cfd);
-    (void)W_close(__func__, dw->cfd);
-    zlogf(L_DEBUG, "%s: fd%d client connection closed\n", dw->cfd);
-    dw->cfd = -1;
 }
 
 int request_data_stream(dw_task* dw)
@@ -631,6 +653,10 @@ bool dest_path_is_safe(const char* dst_path)
 {
     if (!dst_path || !dst_path[0] || dst_path[0] == '/')
         return false;
+    // A final name with the unfinished suffix would be taken for an unfinished file: removed by
+    // its own task once renamed into place, or expired by a later request for the shorter name.
+    if (is_unfinished_seg(dst_path))
+        return false;
     for (const char* seg = dst_path; *seg;) {
         const char* end = strchr(seg, '/');
         const size_t len = end ? static_cast<size_t>(end - seg) : strlen(seg);
@@ -686,7 +712,17 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
     dw->dfd = W_open(__func__, dw->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
     if (dw->dfd < 0)
         return errno;
+    struct stat st;
+    if (fstat(dw->dfd, &st) != 0) {
+        // Without its identity the file could not be told from another one later: give it up now.
+        const int e = errno;
+        zlogf(L_ERR, "%s: fstat(fd%d) ERROR(%d): %s\n", dw->dfd, e, strerror(e));
+        (void)W_unlink(__func__, dw->spec.fpath);
+        return e;
+    }
     dw->has_dfile = true;
+    dw->dfile_dev = st.st_dev;
+    dw->dfile_ino = st.st_ino;
     if (const int rc = W_ftruncate(__func__, dw->dfd, static_cast<off_t>(dw->content_length)))
         return rc;
     zlogf(L_DEBUG, "%s: destination fd%d opened [%s], %zu bytes\n", dw->dfd, dw->spec.fpath,
@@ -785,6 +821,10 @@ int complete_download(dw_task* dw)
     if (dw->dfd >= 0) {
         (void)W_close(__func__, dw->dfd);
         dw->dfd = -1;
+    }
+    if (!owns_dfile(dw)) {
+        zlogf(L_ERR, "%s: [%s] is no longer the file this task wrote\n", dw->spec.fpath);
+        return -1;
     }
     char* tmp_path = strdup(dw->spec.fpath);
     if (!tmp_path)

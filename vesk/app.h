@@ -54,8 +54,9 @@ dw_task* get_dw_task(const char* key);
 const char* url2key(const char* url);
 // Removes the task from the hash (nothing when it is not hashed); 0 or the hash's code.
 int unhash_task(dw_task* dw);
-// Frees the task at once: closes its descriptors, unmaps, removes a file it created while the
-// name still ends with VESK_SEGXT, releases its lock id and its slot. Never call it from the
+// Frees the task at once: answers a client that a started task has not answered yet (500),
+// closes its descriptors, unmaps, removes the file it created while the name still ends with
+// VESK_SEGXT and still holds that file, releases its lock id and its slot. Never call it from the
 // task's own event handler; use pprm_task there.
 void free_dw(dw_task* dw);
 // xvlst_purge_all callback over vesk_ctx::tasks: frees the task record at index `i`.
@@ -98,8 +99,9 @@ int time_out_requests();
 
 // ---- Destination files ----
 
-// True when `dst_path` names a file inside the data directory: not empty, not absolute, and no
-// ".." segment. Request parsing refuses any other destination before a directory or file exists.
+// True when `dst_path` names a file inside the data directory: not empty, not absolute, no ".."
+// segment, and not ending with VESK_SEGXT (a finished file must never look unfinished). Request
+// parsing refuses any other destination before a directory or file exists.
 bool dest_path_is_safe(const char* dst_path);
 // 0, or -16 when the final file of the unfinished path `path` already exists.
 int check_dest_path(const char* path);
@@ -112,7 +114,8 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp);
 // Copies what one read of the source yields into the file. 0, -1, or an errno value.
 int read_fragment(dw_task* dw);
 // Flushes, renames the file to its final name, registers it and lists the task for removal.
-// 0; -1 when the flush or the rename fails; 12 without memory.
+// 0; -1 when the flush or the rename fails or the unfinished name no longer holds this task's
+// file; 12 without memory.
 int complete_download(dw_task* dw);
 // Registers the local URL of the segment of the order: 0, -1, or the registry's code.
 int add_lbdb_url(const dw_spec* spec);

@@ -130,13 +130,14 @@ int load_config(vesk_cfg* cfg, int is_reload)
     }
 
     (void)load_config_str("vesk.local_url_prefix", cfg->seg_url_pfx, 127, "");
+    const size_t pfx_len = std::strlen(cfg->seg_url_pfx);
+    if (pfx_len > 0 && cfg->seg_url_pfx[pfx_len - 1] == '/')
+        cfg->seg_url_pfx[pfx_len - 1] = '\0';
+    // Checked after the slash is cut: a prefix of "/" alone would leave nothing to publish under.
     if (cfg->lbdb.port != 0 && !cfg->seg_url_pfx[0]) {
         zlogf(L_ERR, "%s: %s must be set for lbdb-enabled mode\n", "vesk.local_url_prefix");
         return -1;
     }
-    const size_t pfx_len = std::strlen(cfg->seg_url_pfx);
-    if (pfx_len > 0 && cfg->seg_url_pfx[pfx_len - 1] == '/')
-        cfg->seg_url_pfx[pfx_len - 1] = '\0';
 
     // Integers are taken as the file gives them; no range is enforced.
     cfg->urq_tmout_sec = lookup_int(lc, "vesk.urq_tmout_sec", D_URQ_TMOUT_MS / 1000);

@@ -80,6 +80,8 @@ struct dw_task {
     bool is_mmapped;
     bool is_quitting; // listed for deferred removal, events are ignored
     bool has_dfile;   // this task created the file at fpath: only such a file is ever unlinked
+    dev_t dfile_dev;  // identity of that file, to tell it from a file put under the same name
+    ino_t dfile_ino;  // later (an unfinished file that went stale is expired and made anew)
 };
 
 // The request buffer of an HTTP download request.

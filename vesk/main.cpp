@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <getopt.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -110,10 +111,13 @@ bool apply_option(int c, const char* arg)
     switch (c) {
     case '0':
     case 'C':
-    case 'q':
     case 'V':
     case 'h':
         return true; // handled by the first pass
+    case 'q':
+        // Again here: the runtime section of the file has reset what the first pass set.
+        cfg->rt.quiet = true;
+        return true;
     case 'T':
         cfg->rt.non_daemon = true;
         return true;
@@ -240,6 +244,21 @@ int setup_config(int argc, char** argv)
     return 0;
 }
 
+// Lets the daemon's terminal go once the log is open. Descriptor 2 is taken by the null device
+// rather than left free: the next socket or destination file would get it otherwise, and every
+// stray write to standard error would land in that.
+static void release_stderr()
+{
+    const int null_fd = open("/dev/null", O_WRONLY);
+    if (null_fd < 0) {
+        close(STDERR_FILENO);
+        return;
+    }
+    dup2(null_fd, STDERR_FILENO);
+    if (null_fd != STDERR_FILENO)
+        close(null_fd);
+}
+
 // Opens the configured log output; on failure the logger stays on standard error.
 static int open_log_output(const log_cfg* lc)
 {
@@ -294,7 +313,7 @@ static int runtime_setup_steps()
         return rc;
 
     if (daemon) {
-        close(STDERR_FILENO);
+        release_stderr();
         rc = create_pidfile_extra(cfg->rt.pidfile, getpid(), nullptr, 0);
         if (rc != 0)
             return rc;

@@ -27,8 +27,9 @@ extern volatile sig_atomic_t g_tdbg;
 
 // Detaches from the terminal by the double fork. Returns 0 in the grandchild (the parents exit
 // with status 0 without running exit handlers) or -1 / the failing call's result. Descriptors 0
-// and 1 are closed; a logger writing to 0, 1 or 2 is moved to standard error first, and the caller
-// closes 2 once its log file is open.
+// and 1 are pointed at /dev/null (so that nothing later takes their numbers by accident); a logger
+// writing to 0, 1 or 2 is moved to standard error first, and the caller releases 2 the same way
+// once its log file is open.
 [[nodiscard]] int daemonize();
 
 // Flags of create_pidfile_extra.

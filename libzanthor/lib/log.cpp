@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -141,6 +142,22 @@ void log_default(log_ctx* log, FILE* stream)
     }
 }
 
+// fopen(path, "a+"), except that a new file gets mode 0644 whatever the umask: a daemon runs with
+// umask 0, and its log must not be writable by everyone. Not inherited by commands it starts.
+static FILE* open_log_file(const char* path)
+{
+    const int fd = open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return nullptr;
+    FILE* fp = fdopen(fd, "a+");
+    if (!fp) {
+        const int err = errno;
+        close(fd);
+        errno = err;
+    }
+    return fp;
+}
+
 // Opens a file ("a+", unbuffered so that a crash loses nothing) or a pipe ("w", line-buffered).
 // On success the previous output, if it was a file or pipe of ours, is closed.
 static int do_open(log_ctx* log, const char* path, bool is_pipe)
@@ -156,7 +173,7 @@ static int do_open(log_ctx* log, const char* path, bool is_pipe)
                 static_cast<long>(LOG_MAX_NAME));
         return -1;
     }
-    FILE* fp = is_pipe ? popen(path, "w") : fopen(path, "a+");
+    FILE* fp = is_pipe ? popen(path, "w") : open_log_file(path);
     if (!fp) {
         const int err = errno;
         fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", __func__,
@@ -170,16 +187,18 @@ static int do_open(log_ctx* log, const char* path, bool is_pipe)
     else
         setvbuf(fp, nullptr, _IONBF, 0);
 
+    // The new stream is in place before the old one is closed: a signal handler that logs must
+    // never find a closed stream in the context.
     FILE* old = log->fp;
     const bool old_pipe = log->is_pipe;
+    log->fp = fp;
+    log->is_pipe = is_pipe ? 1 : 0;
     if (old && !is_std_stream(old)) {
         if (old_pipe)
             pclose(old);
         else
             fclose(old);
     }
-    log->fp = fp;
-    log->is_pipe = is_pipe ? 1 : 0;
     snprintf(log->name, sizeof(log->name), "%s", path);
     log->total_out = 0;
     if (!is_pipe) {
@@ -324,15 +343,21 @@ bool lard_enabled(const log_ctx* log)
     return log->lh != nullptr;
 }
 
-void log_lard(log_ctx* log, int level)
+// Stores one prepared record (`len` bytes and its NUL) in the shared-memory mirror.
+static void lard_store(log_ctx* log, const char* text, size_t len, int level)
 {
     lard_handle* lh = log->lh;
-    if (!lh || g_outlen == 0)
+    if (!lh || len == 0)
         return;
-    memcpy(lh->text, g_outbuf, g_outlen + 1);
+    memcpy(lh->text, text, len + 1);
     lh->nputs++;
     if (level < 0)
         lh->temp = -level;
+}
+
+void log_lard(log_ctx* log, int level)
+{
+    lard_store(log, g_outbuf, g_outlen, level);
 }
 
 void logbuf_reset()
@@ -356,75 +381,104 @@ size_t logbuf_len()
     return g_outlen;
 }
 
-// Appends one formatted piece; false (and the buffer unchanged) when it does not fit.
-[[gnu::format(printf, 2, 3)]] static bool append_piece(int* n, const char* format, ...)
+namespace {
+// A record under construction: the shared record buffer, or a signal handler's own buffer of the
+// same size. `diag` is false inside a signal handler, where nothing may be printed to stderr.
+struct record {
+    char* text; // LOG_OUTBUF_SIZE bytes
+    size_t len;
+    bool diag;
+};
+} // namespace
+
+// Appends one formatted piece; false (and the record unchanged) when it does not fit.
+[[gnu::format(printf, 3, 4)]] static bool append_piece(record* r, int* n, const char* format, ...)
 {
-    const size_t room = LOG_OUTBUF_USABLE - g_outlen;
+    const size_t room = LOG_OUTBUF_USABLE - r->len;
     va_list ap;
     va_start(ap, format);
-    *n = vsnprintf(g_outbuf + g_outlen, room + 1, format, ap);
+    *n = vsnprintf(r->text + r->len, room + 1, format, ap);
     va_end(ap);
     if (*n < 0 || static_cast<size_t>(*n) > room) {
-        g_outbuf[g_outlen] = '\0';
+        r->text[r->len] = '\0';
         return false;
     }
-    g_outlen += static_cast<size_t>(*n);
+    r->len += static_cast<size_t>(*n);
     return true;
 }
 
-int logbuf_vprepare(log_ctx* log, int level, const char* format, va_list ap)
+static int clear_record(record* r)
 {
-    logbuf_reset();
+    r->len = 0;
+    r->text[0] = '\0';
+    return -1;
+}
+
+// Reports a piece that did not fit and empties the record; -1.
+[[gnu::format(printf, 2, 3)]] static int record_failed(record* r, const char* format, ...)
+{
+    if (r->diag) {
+        va_list ap;
+        va_start(ap, format);
+        vfprintf(stderr, format, ap);
+        va_end(ap);
+    }
+    return clear_record(r);
+}
+
+[[gnu::format(printf, 4, 0)]] static int build_record(record* r, const log_ctx* log, int level,
+                                                       const char* format, va_list ap)
+{
+    clear_record(r);
     int n = 0;
     const uint32_t tf = log->time_format;
     if (!(tf & f_NO_TIME)) {
         const uint32_t clk = tf & f_TIMER_ID;
-        if (clk > f_MONOTONIC_TIMER) {
-            fprintf(stderr, "%s: unsupported timer value: %u\n", __func__, clk);
-            return -1;
-        }
+        if (clk > f_MONOTONIC_TIMER)
+            return record_failed(r, "%s: unsupported timer value: %u\n", "logbuf_vprepare", clk);
         struct timespec now;
         set_clk_now(&now, clk == f_MONOTONIC_TIMER ? CLOCK_MONOTONIC : CLOCK_REALTIME);
-        const ssize_t tn = mk_timestr(&now, tf, g_outbuf, LOG_OUTBUF_USABLE);
-        if (tn < 0 || static_cast<size_t>(tn) + 1 > LOG_OUTBUF_USABLE) {
-            fprintf(stderr, "%s: time buffer error (n=%d)\n", __func__, static_cast<int>(tn));
-            logbuf_reset();
-            return -1;
-        }
-        g_outlen = static_cast<size_t>(tn);
-        g_outbuf[g_outlen++] = ' ';
-        g_outbuf[g_outlen] = '\0';
-        if (log->pid > 0 && !append_piece(&n, "%lu  ", static_cast<unsigned long>(log->pid))) {
-            fprintf(stderr, "%s: pid buffer error (n=%d)", __func__, n);
-            logbuf_reset();
-            return -1;
-        }
+        ssize_t tn = mk_timestr(&now, tf, r->text, LOG_OUTBUF_USABLE);
+        // A handler that interrupted the time-zone code keeps its record with a raw time stamp.
+        if (tn == -35 && !r->diag)
+            tn = mk_timestr(&now, tf | f_RAW_TIME, r->text, LOG_OUTBUF_USABLE);
+        if (tn < 0 || static_cast<size_t>(tn) + 1 > LOG_OUTBUF_USABLE)
+            return record_failed(r, "%s: time buffer error (n=%d)\n", "logbuf_vprepare",
+                                 static_cast<int>(tn));
+        r->len = static_cast<size_t>(tn);
+        r->text[r->len++] = ' ';
+        r->text[r->len] = '\0';
+        if (log->pid > 0 && !append_piece(r, &n, "%lu  ", static_cast<unsigned long>(log->pid)))
+            return record_failed(r, "%s: pid buffer error (n=%d)", "logbuf_vprepare", n);
     }
-    if (level >= -126 && !append_piece(&n, "%s  ", get_level_tag(level))) {
-        fprintf(stderr, "%s: level buffer error (n=%d)\n", __func__, n);
-        logbuf_reset();
-        return -1;
-    }
+    if (level >= -126 && !append_piece(r, &n, "%s  ", get_level_tag(level)))
+        return record_failed(r, "%s: level buffer error (n=%d)\n", "logbuf_vprepare", n);
     if (log->group.sym8[0]) {
         if (log->group.sym8[sizeof(log->group.sym8) - 1] != 0)
             log_assert_fail("0 == log->group.sym8[sizeof(log->group.sym8)-1]", __FILE__, __LINE__,
                             __func__);
-        if (!append_piece(&n, "%s  ", log->group.sym8)) {
-            fprintf(stderr, "%s: group buffer error (n=%d)\n", __func__, n);
-            logbuf_reset();
-            return -1;
-        }
+        if (!append_piece(r, &n, "%s  ", log->group.sym8))
+            return record_failed(r, "%s: group buffer error (n=%d)\n", "logbuf_vprepare", n);
     }
-    const size_t room = LOG_OUTBUF_USABLE - g_outlen;
-    n = vsnprintf(g_outbuf + g_outlen, room + 1, format, ap);
+    const size_t room = LOG_OUTBUF_USABLE - r->len;
+    n = vsnprintf(r->text + r->len, room + 1, format, ap);
     if (n < 0 || static_cast<size_t>(n) > room) {
-        if (n >= 0)
-            errno = EOVERFLOW;
-        perror("fprintf/vfprintf");
-        logbuf_reset();
-        return -1;
+        if (r->diag) {
+            if (n >= 0)
+                errno = EOVERFLOW;
+            perror("fprintf/vfprintf");
+        }
+        return clear_record(r);
     }
-    g_outlen += static_cast<size_t>(n);
+    r->len += static_cast<size_t>(n);
+    return n;
+}
+
+int logbuf_vprepare(log_ctx* log, int level, const char* format, va_list ap)
+{
+    record r = {g_outbuf, 0, true};
+    const int n = build_record(&r, log, level, format, ap);
+    g_outlen = r.len;
     return n;
 }
 
@@ -474,8 +528,54 @@ void log_flush(log_ctx* log, int level)
     errno = saved_errno;
 }
 
+// Writes all of `len` bytes to `fd` with write(2), the one output call that is safe in a handler.
+static void write_all(int fd, const char* text, size_t len)
+{
+    while (len > 0) {
+        const ssize_t n = write(fd, text, len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        text += n;
+        len -= static_cast<size_t>(n);
+    }
+}
+
+// A record from a signal handler. The interrupted code may be half-way through a record of its own
+// or inside a stdio call, so the handler's record is built in a buffer of its own and written to
+// the output descriptors directly; syslog and rotation are left out.
+[[gnu::format(printf, 3, 0)]] static void emit_in_handler(const log_llctx* llc, int level,
+                                                          const char* format, va_list ap)
+{
+    const bool wanted = log_wants(llc, level);
+    if (!wanted && !lard_enabled(g_log))
+        return;
+    const int saved_errno = errno;
+    char text[LOG_OUTBUF_SIZE];
+    record r = {text, 0, false};
+    if (build_record(&r, g_log, level, format, ap) >= 0) {
+        lard_store(g_log, text, r.len, level);
+        if (wanted) {
+            const int fd = fileno(out_stream(g_log));
+            write_all(fd, text, r.len);
+            g_log->total_out += r.len;
+            if (g_log->mirror_fp && fileno(g_log->mirror_fp) != fd)
+                write_all(fileno(g_log->mirror_fp), text, r.len);
+        }
+    }
+    errno = saved_errno;
+}
+
 void log_emit(const log_llctx* llc, int level, const char* format, ...)
 {
+    if (g_sigctx) {
+        va_list ap;
+        va_start(ap, format);
+        emit_in_handler(llc, level, format, ap);
+        va_end(ap);
+        return;
+    }
     logbuf_reset();
     bool prepared = false;
     if (lard_enabled(g_log)) {
@@ -651,12 +751,14 @@ int log_rotate(log_ctx* log)
                 static_cast<unsigned long>(ROTATED_NAME_MAX - 1));
         return -1;
     }
-    if (log->fp && fclose(log->fp) != 0) {
+    // Taken out of the context before it is closed, so that a signal handler never finds it.
+    FILE* old = log->fp;
+    log->fp = nullptr;
+    if (old && fclose(old) != 0) {
         const int err = errno;
         fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err,
                 strerror(err));
     }
-    log->fp = nullptr;
 
     char path[LOG_MAX_NAME];
     memcpy(path, log->name, sizeof(path));

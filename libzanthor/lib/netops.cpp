@@ -281,6 +281,22 @@ int reuse_and_bind(int sock, struct sockaddr* addr, socklen_t addrlen)
     return 0;
 }
 
+// A non-blocking socket of `type` bound to `addr`, listening when `listen` is set. The descriptor,
+// or -1 with nothing left open.
+static int open_bound(const char* who, sockaddr_storage addr, int type, bool listen)
+{
+    fd_guard sock(W_socket(who, addr.ss_family, type, 0), who);
+    if (sock.get() < 0)
+        return -1;
+    if (reuse_and_bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), inet_len(addr.ss_family)))
+        return -1;
+    if (set_nblock(sock.get(), 1))
+        return -1;
+    if (listen && W_listen(who, sock.get(), NETOPS_BACKLOG))
+        return -1;
+    return sock.release();
+}
+
 int open_listener(const struct sockaddr_storage* ss, const char* port, int defer_listen)
 {
     uint16_t pnum = 0;
@@ -288,16 +304,7 @@ int open_listener(const struct sockaddr_storage* ss, const char* port, int defer
         return -1;
     sockaddr_storage addr = *ss;
     set_port(&addr, pnum);
-    fd_guard sock(W_socket(__func__, addr.ss_family, SOCK_STREAM, 0), __func__);
-    if (sock.get() < 0)
-        return -1;
-    if (reuse_and_bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), inet_len(addr.ss_family)))
-        return -1;
-    if (set_nblock(sock.get(), 1))
-        return -1;
-    if (!defer_listen && W_listen(__func__, sock.get(), NETOPS_BACKLOG))
-        return -1;
-    return sock.release();
+    return open_bound(__func__, addr, SOCK_STREAM, !defer_listen);
 }
 
 int open_udp_listener(const struct sockaddr_storage* ss, const char* port)
@@ -311,14 +318,7 @@ int open_udp_listener(const struct sockaddr_storage* ss, const char* port)
             return -1;
         set_port(&addr, pnum);
     }
-    fd_guard sock(W_socket(__func__, addr.ss_family, SOCK_DGRAM, 0), __func__);
-    if (sock.get() < 0)
-        return -1;
-    if (reuse_and_bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), inet_len(addr.ss_family)))
-        return -1;
-    if (set_nblock(sock.get(), 1))
-        return -1;
-    return sock.release();
+    return open_bound(__func__, addr, SOCK_DGRAM, false);
 }
 
 int open_anyaddr_listener(int af, const char* port, int defer_listen)

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
 
@@ -70,6 +71,19 @@ int rqs_init(const struct rqs_config* cfg)
         zlogf(L_ERR, "%s: epoll_create1() ERROR(%d): %s\n", err, strerror(err));
         g_rqs.loopfd = -1;
         return -1;
+    }
+    // Descriptor 0 stands for "not initialised", yet a daemon that closed its standard input gets
+    // it here: the loop's descriptor is moved above it.
+    if (g_rqs.loopfd == 0) {
+        const int fd = fcntl(0, F_DUPFD_CLOEXEC, 1);
+        const int err = errno;
+        (void)W_close(__func__, 0);
+        if (fd < 0) {
+            zlogf(L_ERR, "%s: fcntl(0, F_DUPFD_CLOEXEC, 1) ERROR(%d): %s\n", err, strerror(err));
+            g_rqs.loopfd = -1;
+            return -1;
+        }
+        g_rqs.loopfd = fd;
     }
 
     if (xv_reserve<nopoll_ref>(&g_rqs.nopoll, NOPOLL_INIT, NOPOLL_GROW) != 0 ||

@@ -155,8 +155,13 @@ ssize_t mk_timestr(const struct timespec* tms, uint32_t flags, char* buf, size_t
 
 time_t get_endofday_utime(time_t tstamp)
 {
+    // The C library's time-zone code holds a lock here too: a signal handler that logs meanwhile
+    // must see the busy flag rather than wait for that lock forever.
+    const sig_atomic_t outer = g_timestr_busy;
+    g_timestr_busy = 1;
     struct tm tmv;
     if (localtime_r(&tstamp, &tmv) == nullptr) {
+        g_timestr_busy = outer;
         zlogf(L_ERR, "%s: localtime_r() FAILED\n");
         return -1;
     }
@@ -166,5 +171,7 @@ time_t get_endofday_utime(time_t tstamp)
     // Let mktime work out daylight saving for the evening itself: the stamp may lie on the other
     // side of a switch made that day.
     tmv.tm_isdst = -1;
-    return mktime(&tmv);
+    const time_t eod = mktime(&tmv);
+    g_timestr_busy = outer;
+    return eod;
 }

@@ -170,9 +170,19 @@ int daemonize()
         if (lfd >= 0 && lfd <= 2)
             log_default(g_log, stderr);
     }
-    // Not reopened on a null device: nothing in the daemon reads or prints through them.
-    close(STDIN_FILENO);
-    close(STDOUT_FILENO);
+    // The terminal is let go, but 0 and 1 are taken by the null device rather than left closed:
+    // a free standard descriptor would be handed to the next log file, socket or destination file,
+    // and a stray write to standard output or error would then land in it.
+    const int null_fd = W_open(__func__, "/dev/null", O_RDWR, 0);
+    if (null_fd < 0) {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+    } else {
+        W_dup2(__func__, null_fd, STDIN_FILENO);
+        W_dup2(__func__, null_fd, STDOUT_FILENO);
+        if (null_fd > STDERR_FILENO)
+            W_close(__func__, null_fd);
+    }
 
     pid = W_fork(__func__);
     if (pid < 0)
@@ -414,8 +424,10 @@ int ignore_sigpipe()
     return 0;
 }
 
-// The handlers mark the signal context so that the logger skips syslog and rotation, which are
-// not safe to enter from a handler; the interrupted code keeps its errno.
+// The handlers only set flags, change dispositions and write one record. They mark the signal
+// context, in which the logger builds the record in a buffer of its own and writes it with
+// write(2), leaving the shared record buffer, stdio, syslog and rotation to the interrupted code;
+// that code also keeps its errno.
 void on_sigquit(int signo)
 {
     const int saved_errno = errno;

@@ -116,6 +116,16 @@ bool has_text(const char* s)
     return s != nullptr && *s != '\0';
 }
 
+// put_xt_line of "<name>: <value>" when the value is set and not empty; 0 when it is not.
+int put_text_line(char* buf, size_t buflen, size_t* pos, const char* name, const char* value)
+{
+    if (!has_text(value))
+        return 0;
+    char line[XT_LINE_MAX];
+    const int n = snprintf(line, sizeof line, "%s: %s\r\n", name, value);
+    return put_xt_line(buf, buflen, pos, line, n);
+}
+
 } // namespace
 
 const char* find_http_header_n(const char* title, const char* buf, size_t len, size_t* hdr_len)
@@ -460,39 +470,21 @@ int mk_http_xt_resp(const http_response* r, int version, char* buf, size_t bufle
     }
     if (!buf || buflen == 0)
         return -1;
-    int n = snprintf(buf, buflen, "HTTP/%d.%d %d %s\r\nServer: %s\r\n", version / 10,
-                     version % 10, r->code, r->reason, r->server);
+    const int n = snprintf(buf, buflen, "HTTP/%d.%d %d %s\r\nServer: %s\r\n", version / 10,
+                           version % 10, r->code, r->reason, r->server);
     if (n < 0 || static_cast<size_t>(n) >= buflen)
         return -1;
     size_t pos = static_cast<size_t>(n);
 
-    char line[XT_LINE_MAX];
-    if (has_text(r->content_type)) {
-        n = snprintf(line, sizeof line, "Content-Type: %s\r\n", r->content_type);
-        if (put_xt_line(buf, buflen, &pos, line, n) != 0)
-            return -1;
-    }
-    if (has_text(r->content_encoding)) {
-        n = snprintf(line, sizeof line, "Content-Encoding: %s\r\n", r->content_encoding);
-        if (put_xt_line(buf, buflen, &pos, line, n) != 0)
-            return -1;
-    }
-    if (r->content_length >= 0) {
-        n = snprintf(line, sizeof line, "Content-Length: %lu\r\n",
-                     static_cast<unsigned long>(r->content_length));
-        if (put_xt_line(buf, buflen, &pos, line, n) != 0)
-            return -1;
-    }
-    if (has_text(r->connection)) {
-        n = snprintf(line, sizeof line, "Connection: %s\r\n", r->connection);
-        if (put_xt_line(buf, buflen, &pos, line, n) != 0)
-            return -1;
-    }
-    if (has_text(r->location)) {
-        n = snprintf(line, sizeof line, "Location: %s\r\n", r->location);
-        if (put_xt_line(buf, buflen, &pos, line, n) != 0)
-            return -1;
-    }
+    char clen[24] = "";
+    if (r->content_length >= 0)
+        snprintf(clen, sizeof clen, "%lu", static_cast<unsigned long>(r->content_length));
+    if (put_text_line(buf, buflen, &pos, "Content-Type", r->content_type) != 0 ||
+        put_text_line(buf, buflen, &pos, "Content-Encoding", r->content_encoding) != 0 ||
+        put_text_line(buf, buflen, &pos, "Content-Length", clen) != 0 ||
+        put_text_line(buf, buflen, &pos, "Connection", r->connection) != 0 ||
+        put_text_line(buf, buflen, &pos, "Location", r->location) != 0)
+        return -1;
     if (r->code == 200 && has_text(r->ok_suffix)) {
         const size_t slen = std::strlen(r->ok_suffix);
         if (pos + slen + 2 >= buflen)

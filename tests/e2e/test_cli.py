@@ -70,3 +70,11 @@ def test_config_without_listener_is_refused(tmp_path):
     r = run_vsk("-C", path)
     assert r.returncode == 1
     assert "at least one listener must be present" in r.stderr
+
+
+def test_quiet_option_overrides_the_file(agent):
+    agent.vesk["runtime"]["quiet"] = False
+    agent.start("-q")
+    assert "\tflags: [non-daemon] [quiet] [cores]\n" in agent.log()
+    assert agent.stop() == 0
+    assert "STARTING" not in agent.stderr(), "the log was mirrored to the terminal"

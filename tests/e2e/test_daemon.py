@@ -244,6 +244,11 @@ def test_daemon_mode_pidfile_and_sigterm(agent):
         wait_until("STARTING", lambda: f"STARTING. PID={pid}\n" in agent.log())
         assert os.readlink(f"/proc/{pid}/exe") == os.path.realpath(VSK_BIN)
         assert os.getsid(pid) != os.getsid(0), "the daemon did not leave our session"
+        # The terminal is let go, but 0-2 stay taken by the null device: otherwise the log file,
+        # a socket or a destination file would become a standard descriptor.
+        assert [os.readlink(f"/proc/{pid}/fd/{fd}") for fd in (0, 1, 2)] == ["/dev/null"] * 3
+        # A daemon runs with umask 0; its log must still not be writable by everyone.
+        assert agent.log_path.stat().st_mode & 0o777 == 0o644
         assert pidfile.read_text() == str(pid)  # no line end
         assert f"Created pidfile [{pidfile}] with pid={pid}.\n" in agent.log()
         assert "\tflags: [quiet] [cores]\n" in dump_of(agent.log())
@@ -368,6 +373,8 @@ def test_log_rotated_at_its_size(agent):
     assert 1048576 <= old.stat().st_size < 1048576 + 2048
     older = old.read_text()
     assert f"STARTING. PID={agent.proc.pid}\n" in older and RULE in older
+    # The old file is renamed before the new one is opened and gets its first record.
+    wait_until("the rotation notice", lambda: "previous log rotated" in agent.log())
     first = agent.log().split("\n", 1)[0]
     assert first.endswith(f"]: previous log rotated to [{old}] tm={old.name.rsplit('.', 1)[1]}, idx=0"), first
     assert "STARTING" not in agent.log()

@@ -310,6 +310,8 @@ def test_request_failure_table(agent, bad_source, tmp_path):
         (dl_path(src, "live/../../escape.ts"), 400, "Bad request"),
         (dl_path(src, "%2E%2E/escape.ts"), 400, "Bad request"),
         (dl_path(src, "live/%2E%2E/%2E%2E/escape.ts"), 400, "Bad request"),
+        # A finished file under the unfinished suffix would be removed as unfinished.
+        (dl_path(src, "live/v.ts-Vesk"), 400, "Bad request"),
         # Someone else's unfinished file of that name, fresh: not ours to replace.
         (dl_path(src, "live/busy.ts"), 400, "Bad request"),
         (dl_path(src, "%2F" + str(absolute).lstrip("/")), 400, "Bad request"),
@@ -363,6 +365,9 @@ SOURCE_CASES = {
                    "expecting more data from fd"),
     "no_reason": (dict(raw=b"HTTP/1.1 200\r\n\r\n"), 500, "Service error", False,
                   "parsed 3 < 4 elements (expected to be parsed)"),
+    # Screened out as an error event before any head was read: the client still gets its answer.
+    "resets_before_head": (dict(raw=b"", body_cut=0, after_cut="reset"), 500, "Service error",
+                           False, "ends before its client fd"),
     "closes_mid_body": (dict(body=BODY * 20, body_cut=5000, after_cut="close", whole_head_first=True),
                         200, "OK", False, "removing unfinished ["),
     "resets_mid_body": (dict(body=BODY * 20, body_cut=5000, after_cut="reset", whole_head_first=True),

@@ -138,6 +138,13 @@ def test_udp_listener(agent):
         with pytest.raises(OSError) as e:
             s.bind(("127.0.0.1", port))
         assert e.value.errno == errno.EADDRINUSE
+    # A datagram cannot be accepted: it is dropped with one warning, not retried on every pass.
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.sendto(b"GET / HTTP/1.1\r\n\r\n", ("127.0.0.1", port))
+    agent.wait_for_log(rf"\(WRN\)  VSK  rui_accept\(lo:{port}\): 1 datagram\(s\) dropped, the last "
+                       r"from 127\.0\.0\.1:\d+: a datagram listener takes no requests\n")
+    assert not re.search(r": accept\(\d+, ", agent.log())
     assert agent.stop() == 0
+    assert agent.log().count("datagram(s) dropped") == 1
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         s.bind(("127.0.0.1", port))

@@ -84,6 +84,7 @@ TEST(AppRules, KeysAndSafeDestinations)
         {"live/a.ts", true},   {"live/..a/b..", true},  {"./live/a.ts", true},
         {"", false},           {"/etc/passwd", false},  {"..", false},
         {"../a.ts", false},    {"live/../a.ts", false}, {"live/..", false},
+        {"live/a.ts-Vesk", false}, {"live/a-Vesk.ts", true},
     };
     for (const auto& [path, safe] : paths)
         EXPECT_EQ(dest_path_is_safe(path), safe) << "[" << path << "]";
@@ -177,6 +178,34 @@ TEST_F(AppTest, FreeRemovesOnlyItsOwnUnfinishedFile)
     EXPECT_EQ(slurp(dir / "blocked.ts-Vesk"), "xyz");
     EXPECT_TRUE(contains(log.take(), "complete_download: rename(" + dir / "blocked.ts-Vesk, " +
                                          dir / "blocked.ts) ERROR("));
+}
+
+// An unfinished file left alone for a while is expired by a later request for the same name and
+// made anew; the task that created the first one must then neither remove nor rename the new one.
+TEST_F(AppTest, FileReplacedUnderTheSameNameIsLeftAlone)
+{
+    const auto replace = [](const std::string& path) {
+        fs::remove(path);
+        std::ofstream(path) << "theirs";
+    };
+    dw_task dw;
+    ASSERT_EQ(make_dest(&dw, "gone.ts", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nabc"), 0);
+    const std::string unfinished = dw.spec.fpath;
+    replace(unfinished);
+    free_dw(&dw);
+    EXPECT_EQ(slurp(unfinished), "theirs");
+
+    for (const size_t mmap_mb : {size_t{8}, size_t{0}}) {
+        g_cfg->max_mmap_mb = mmap_mb;
+        ASSERT_EQ(make_dest(&dw, "done.ts", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nxyz"), 0);
+        replace(dw.spec.fpath);
+        EXPECT_EQ(complete_download(&dw), -1) << mmap_mb;
+        free_dw(&dw);
+        EXPECT_FALSE(fs::exists(dir / "done.ts")) << mmap_mb;
+        EXPECT_EQ(slurp(dir / "done.ts-Vesk"), "theirs") << mmap_mb;
+        fs::remove(dir / "done.ts-Vesk");
+    }
+    EXPECT_TRUE(contains(log.take(), "is no longer the file this task wrote"));
 }
 
 // With the registry in use the segment is registered even after a failed rename; here the

@@ -98,6 +98,8 @@ TEST_F(CfgTest, RefusedFiles)
         {conf("lbdb: { host = \"h\"; port = 1; };"), "load_lbdb_cfg: missing sha1_dir setting\n"},
         {conf("lbdb: { host = \"h\"; port = 6379; sha1_dir = \"/d\"; };"),
          "load_config: vesk.local_url_prefix must be set for lbdb-enabled mode\n"},
+        {conf("lbdb: { host = \"h\"; port = 6379; sha1_dir = \"/d\"; }; local_url_prefix = \"/\";"),
+         "load_config: vesk.local_url_prefix must be set for lbdb-enabled mode\n"},
     };
     for (const auto& [text, message] : rows) {
         EXPECT_EQ(load(text), -1) << text;

@@ -185,4 +185,38 @@ TEST_F(LbdbTest, CallsOnTheRealScriptsAndALostServer)
     EXPECT_TRUE(contains(log.take(), "lbdb_add_segurl: NULL as reply\n"));
 }
 
+TEST_F(LbdbTest, ScriptsKeepExpiriesAndTheCursorInStep)
+{
+    ASSERT_EQ(lbdb_init(sha_dir.c_str(), LBD_FL_ALL, 0), 0);
+    ASSERT_EQ(connect(), 0) << log.take();
+    const auto ask = [&](const char* cmd, const char* key) {
+        auto* r = static_cast<redisReply*>(redisCommand(admin, "%s %s", cmd, key));
+        const long long v = r && r->type == REDIS_REPLY_INTEGER ? r->integer : -99;
+        freeReplyObject(r);
+        return v;
+    };
+    char buf[129];
+    // A URL without expiry keeps the set and the round-robin cursor for good...
+    ASSERT_EQ(lbdb_add_segurl("seg", "http://a/seg", 0), 0);
+    ASSERT_EQ(lbdb_rr_get_segurl("seg", nullptr, buf, 128), 0);
+    EXPECT_EQ(ask("TTL", "seg#rr"), -1);
+    // ...until it gets an expiry: then the cursor must not outlive the set.
+    ASSERT_EQ(lbdb_add_segurl("seg", "http://a/seg", 100), 0);
+    EXPECT_NEAR(ask("TTL", "seg#rr"), ask("TTL", "seg"), 1);
+    EXPECT_GT(ask("TTL", "seg#rr"), 0);
+    ASSERT_EQ(lbdb_add_segurl("seg", "http://b/seg", 0), 0);
+    EXPECT_EQ(ask("TTL", "seg#rr"), -1);
+    long left = -1;
+    ASSERT_EQ(lbdb_del_segurl("seg", "http://b/seg", &left), 0);
+    EXPECT_GT(ask("TTL", "seg#rr"), 0) << "deleting the lasting URL left a lasting cursor";
+
+    // A metric beyond any finite lifetime is not wrapped into one that every URL meets.
+    EXPECT_EQ(lbdb_rr_get_segurl("seg", "100000000000000000000", buf, 128), -1);
+    EXPECT_TRUE(contains(log.take(), "#err: no URL for [seg] living 1e+20s more"));
+    // An expiry that Redis cannot turn into a key expiry is refused before anything is stored.
+    EXPECT_EQ(lbdb_add_segurl("far", "http://a/far", LONG_MAX), -1);
+    EXPECT_TRUE(contains(log.take(), "lbdb_add_segurl: #err: invalid expiry ["));
+    EXPECT_EQ(ask("EXISTS", "far"), 0);
+}
+
 } // namespace

@@ -210,6 +210,18 @@ TEST_F(LogTest, SyslogGetsWarningsAndWorseOnly)
     EXPECT_NE(text().find("disabled"), std::string::npos);
 }
 
+TEST_F(LogTest, HandlerRecordLeavesTheInterruptedRecordWhole)
+{
+    // The main code has prepared a record and not yet flushed it when a signal handler logs.
+    ASSERT_GT(logbuf_prepare(g_log, L_INFO, "%s\n", "interrupted record"), 0);
+    g_sigctx = 1;
+    zlog(L_NORM, "QUIT-SIG(%d)\n", 15);
+    zlog(L_DEBUG + 1, "filtered in the handler too\n");
+    g_sigctx = 0;
+    log_flush(g_log, L_INFO);
+    EXPECT_EQ(text(), "(NRM)  QUIT-SIG(15)\n(INF)  interrupted record\n");
+}
+
 TEST_F(LogTest, MirrorAndSharedMemoryMirror)
 {
     const fs::path mpath = dir / "mirror";

@@ -208,4 +208,29 @@ TEST_F(RqsTest, FileWatches)
     EXPECT_EQ(0u, rqs_fd_count(1));
 }
 
+// A daemon that closed its standard input gets descriptor 0 for the loop's epoll instance unless
+// the dispatcher moves it; 0 means "not initialised", so every registration would then abort.
+TEST(RqsInit, ClosedStandardInputDoesNotBreakTheLoop)
+{
+    const size_t before = vsk_test::open_fd_count();
+    const int saved = dup(0);
+    ASSERT_EQ(0, close(0));
+    g = State{};
+    const rqs_config cfg{k_cb, 0};
+    ASSERT_EQ(0, rqs_init(&cfg));
+    int p[2];
+    ASSERT_EQ(0, pipe(p));
+    Obj o{"Z", 0};
+    EXPECT_EQ(0, rqs_add_reader(p[0], &o));
+    ASSERT_EQ(1, write(p[1], "x", 1));
+    EXPECT_EQ(9, rqs_event_loop());
+    EXPECT_EQ(std::vector<std::string>{"RZ:0@1"}, calls('R'));
+    rqs_destroy();
+    close(p[0]);
+    close(p[1]);
+    ASSERT_EQ(0, dup2(saved, 0));
+    close(saved);
+    EXPECT_EQ(before, vsk_test::open_fd_count()) << "the loop's descriptors are closed";
+}
+
 } // namespace

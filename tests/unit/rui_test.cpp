@@ -214,4 +214,48 @@ TEST_F(RuiTest, ErrorOnAListenerAborts)
     EXPECT_TRUE(contains(text, "Aborting at:\n"));
 }
 
+// A datagram on a UDP listener cannot be accepted. It is read and dropped, at most max_accept per
+// event, so that the level-triggered listener goes quiet instead of waking every pass.
+TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
+{
+    vsk_test::log_capture log;
+    g_created = 0;
+    rui_socket_cb cb{{mk_tag32("TRQ")}, new_rq, rm_rq, rq_tmout};
+    rui_set_cb(RUI_USER, &cb);
+    const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
+    ASSERT_EQ(0, rqs_init(&rc));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    const int peer = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_EQ(0, bind(peer, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    ASSERT_EQ(0, getsockname(peer, reinterpret_cast<sockaddr*>(&addr), &len));
+    // The listener takes the port next to the peer's, which is very likely free.
+    addr.sin_port = htons(static_cast<uint16_t>(ntohs(addr.sin_port) + 1));
+    const std::string port = std::to_string(ntohs(addr.sin_port));
+    rui_cfg cfg{};
+    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}};
+    snprintf(cfg.user[0].port, sizeof cfg.user[0].port, "%s", port.c_str());
+    ASSERT_EQ(0, rui_ctx_init(&cfg, &g_ctx));
+    ASSERT_EQ(0, rui_ctx_start(&g_ctx));
+    rui_socket_ctx* srv = &g_ctx.user[0];
+
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(2, sendto(peer, "hi", 2, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    EXPECT_EQ(0, rui_accept(srv, 2, 0, nullptr));
+    EXPECT_TRUE(contains(log.take(), "rui_accept(dgram): 2 datagram(s) dropped, the last from "
+                                     "127.0.0.1:"));
+    EXPECT_EQ(0, rui_accept(srv, 64, 0, nullptr));
+    EXPECT_TRUE(contains(log.take(), "rui_accept(dgram): 1 datagram(s) dropped"));
+    pollfd p{srv->sockfd, POLLIN, 0};
+    EXPECT_EQ(0, poll(&p, 1, 0)) << "the listener is still readable";
+    EXPECT_EQ(0, g_created);
+    EXPECT_EQ(0u, dlep_count(srv->requests));
+
+    rui_ctx_destroy(&g_ctx);
+    rqs_destroy();
+    close(peer);
+}
+
 } // namespace

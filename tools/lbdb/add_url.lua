@@ -1,10 +1,14 @@
 -- Registers one local URL of a segment in the load-balancer DB.
 -- KEYS[1]: segment id. ARGV[1]: the local URL. ARGV[2]: expiry in seconds, read as:
 --   0 or less: never expires; 1..2592000 (30 days): that many seconds from now;
---   larger: an absolute Unix time, which must still lie in the future.
+--   larger: an absolute Unix time, which must still lie in the future and not after the year
+--   9999.
 -- Reply: "OK <segment id>", or a string beginning with "#err: " on bad input.
 
 local RELATIVE_MAX = 2592000
+-- The last second of the year 9999. A later (or infinite) expiry is refused before anything is
+-- written: Redis could not turn it into a key expiry, and the script would fail half-way.
+local ABSOLUTE_MAX = 253402300799
 
 if #KEYS ~= 1 then
   return '#err: expected 1 key, got ' .. #KEYS
@@ -15,7 +19,7 @@ if url == nil or url == '' then
   return '#err: missing URL for [' .. seg .. ']'
 end
 local expiry = tonumber(ARGV[2] or '0')
-if expiry == nil or expiry ~= math.floor(expiry) then
+if expiry == nil or expiry ~= math.floor(expiry) or expiry > ABSOLUTE_MAX then
   return '#err: invalid expiry [' .. tostring(ARGV[2]) .. ']'
 end
 local ktype = redis.call('TYPE', seg).ok
@@ -39,11 +43,15 @@ end
 redis.call('ZREMRANGEBYSCORE', seg, '-inf', now)
 redis.call('ZADD', seg, score, url)
 
--- The key lives as long as its latest-expiring URL; one URL without expiry keeps it for good.
+-- The key and the round-robin cursor of "next" live as long as the latest-expiring URL, which may
+-- now be shorter-lived than before; one URL without expiry keeps them for good. Either command
+-- does nothing to a cursor that does not exist.
 local top = redis.call('ZRANGE', seg, -1, -1, 'WITHSCORES')
-if top[2] == 'inf' then
-  redis.call('PERSIST', seg)
-else
-  redis.call('EXPIREAT', seg, top[2])
+for _, key in ipairs({seg, seg .. '#rr'}) do
+  if top[2] == 'inf' then
+    redis.call('PERSIST', key)
+  else
+    redis.call('EXPIREAT', key, top[2])
+  end
 end
 return 'OK ' .. seg

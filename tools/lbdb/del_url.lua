@@ -23,12 +23,15 @@ if left == 0 then
   -- Redis drops the empty set itself; the round-robin cursor goes with it.
   redis.call('DEL', seg .. '#rr')
 else
-  -- The key lives as long as its latest-expiring URL, which may just have been removed.
+  -- The key and the cursor live as long as the latest-expiring URL, which may just have been
+  -- removed.
   local top = redis.call('ZRANGE', seg, -1, -1, 'WITHSCORES')
-  if top[2] == 'inf' then
-    redis.call('PERSIST', seg)
-  else
-    redis.call('EXPIREAT', seg, top[2])
+  for _, key in ipairs({seg, seg .. '#rr'}) do
+    if top[2] == 'inf' then
+      redis.call('PERSIST', key)
+    else
+      redis.call('EXPIREAT', key, top[2])
+    end
   end
 end
 return 'OK ' .. left

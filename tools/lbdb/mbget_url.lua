@@ -43,8 +43,9 @@ end
 
 local now = tonumber(redis.call('TIME')[1])
 redis.call('ZREMRANGEBYSCORE', seg, '-inf', now)
--- Latest-expiring first.
-local urls = redis.call('ZREVRANGEBYSCORE', seg, '+inf', string.format('%d', now + min_left))
+-- Latest-expiring first. "%.17g": an integer bound prints exactly, and a huge metric stays a huge
+-- bound (with "%d" it would wrap to a negative one and let every URL through).
+local urls = redis.call('ZREVRANGEBYSCORE', seg, '+inf', string.format('%.17g', now + min_left))
 if #urls == 0 then
   return '#err: no URL for [' .. seg .. '] living ' .. min_left .. 's more'
 end

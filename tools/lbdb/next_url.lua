@@ -23,7 +23,9 @@ end
 
 local now = tonumber(redis.call('TIME')[1])
 redis.call('ZREMRANGEBYSCORE', seg, '-inf', now)
-local urls = redis.call('ZRANGEBYSCORE', seg, string.format('%d', now + min_left), '+inf')
+-- "%.17g": an integer bound prints exactly, and a huge metric stays a huge bound (with "%d" it
+-- would wrap to a negative one and let every URL through).
+local urls = redis.call('ZRANGEBYSCORE', seg, string.format('%.17g', now + min_left), '+inf')
 if #urls == 0 then
   return '#err: no URL for [' .. seg .. '] living ' .. min_left .. 's more'
 end
