@@ -1,9 +1,5 @@
-"""Real peers for the end-to-end tests: an HTTP file server, a Redis with the registry scripts,
-a scripted misbehaving HTTP source and UDP/multicast senders.
-
-Every peer runs as our own child process or thread on loopback ports, keeps all its files in a
-temporary directory and is stopped at teardown; nothing outside that directory is touched.
-"""
+"""Real peers of the end-to-end tests on loopback ports (an HTTP file server, a Redis with the
+registry scripts, a scripted HTTP source, UDP senders), each confined to its temporary directory."""
 import os
 import signal
 import socket
@@ -116,12 +112,6 @@ class Nginx:
         p.write_bytes(data)
         return p
 
-    def access_log(self):
-        try:
-            return (self.dir / "access.log").read_text(errors="replace")
-        except FileNotFoundError:
-            return ""
-
 
 class Redis:
     """A throw-away Redis with the registry scripts loaded and their digests in `sha1_dir`."""
@@ -146,15 +136,10 @@ class Redis:
         while self.cli("PING").strip() != "PONG":
             assert time.monotonic() < deadline, f"redis never answered PING\n{self.log_path.read_text()}"
             time.sleep(0.05)
-        self.load_scripts()
-        return self
-
-    def load_scripts(self):
-        """(Re)loads the scripts, for example after SCRIPT FLUSH."""
         r = subprocess.run(["sh", str(self.loader), "127.0.0.1", str(self.port), str(self.sha1_dir)],
                            capture_output=True, text=True, timeout=20)
         assert r.returncode == 0, f"load.sh failed ({r.returncode}): {r.stdout}{r.stderr}"
-        return r.stdout
+        return self
 
     def cli(self, *args, timeout=10):
         r = subprocess.run([REDIS_CLI, "-h", "127.0.0.1", "-p", str(self.port), *map(str, args)],
@@ -170,29 +155,20 @@ class Redis:
 class Route:
     """What the scripted source does for one request path.
 
-    status        status line behind "HTTP/1.1 " ("200" alone makes a line without a reason)
-    headers       extra (name, value) pairs, sent after Content-Length
-    body          body bytes
-    content_length "auto" (the body length), None (no header) or a number sent as it is
-    raw           exact bytes to send instead of a composed head and body
-    head_pause    seconds to wait between two pieces of the head, split at head_split
-                  (default: the middle of the head)
-    body_cut      send only this many body bytes, then do after_cut: "close" (orderly),
-                  "reset" (RST) or "stall" (hold the connection)
-    stall         send nothing at all and hold the connection
-    stall_timeout longest hold in seconds; a hold also ends when the peer closes
+    content_length: "auto" (the body's), None (no header) or a value sent as it is; raw: exact
+    bytes instead of a composed answer; head_pause: seconds between the two pieces of the head,
+    split at head_split (default: its middle); body_cut: send only that many body bytes, then
+    after_cut: "close", "reset" (RST) or "stall" (hold until the peer closes or stall_timeout).
     """
 
     def __init__(self, status="200 OK", headers=(), body=b"", content_length="auto", raw=None,
-                 head_pause=None, head_split=None, body_cut=None, after_cut="close",
-                 stall=False, stall_timeout=3.0):
+                 head_pause=None, head_split=None, body_cut=None, after_cut="close", stall_timeout=3.0):
         assert after_cut in ("close", "reset", "stall"), after_cut
         assert stall_timeout <= 5, "connection threads must end within a few seconds"
         self.status, self.headers, self.body = status, list(headers), bytes(body)
         self.content_length, self.raw = content_length, raw
         self.head_pause, self.head_split = head_pause, head_split
-        self.body_cut, self.after_cut = body_cut, after_cut
-        self.stall, self.stall_timeout = stall, stall_timeout
+        self.body_cut, self.after_cut, self.stall_timeout = body_cut, after_cut, stall_timeout
 
     def head(self):
         lines = [f"HTTP/1.1 {self.status}"]
@@ -237,13 +213,6 @@ class BadSource:
             self.routes[path] = r
         return r
 
-    def wait_requests(self, count=1, timeout=5):
-        """Waits until `count` requests were recorded and returns the list."""
-        deadline = time.monotonic() + timeout
-        while len(self.requests) < count and time.monotonic() < deadline:
-            time.sleep(0.02)
-        return list(self.requests)
-
     def _accept_loop(self):
         while not self._stop.is_set():
             try:
@@ -287,9 +256,6 @@ class BadSource:
             except OSError:
                 return
 
-    def _pause(self, seconds):
-        self._stop.wait(min(seconds, 5))
-
     def _serve(self, conn):
         try:
             raw = self._read_head(conn)
@@ -300,9 +266,6 @@ class BadSource:
             with self._lock:
                 r = self.routes.get(target) or self.routes.get(target.split("?", 1)[0]) or NOT_FOUND
             conn.settimeout(self.READ_TIMEOUT)
-            if r.stall:
-                self._hold(conn, r.stall_timeout)
-                return
             if r.raw is not None:
                 head, body = b"", bytes(r.raw)
             else:
@@ -310,7 +273,7 @@ class BadSource:
             if r.head_pause is not None and head:
                 cut = r.head_split if r.head_split is not None else len(head) // 2
                 conn.sendall(head[:cut])
-                self._pause(r.head_pause)
+                self._stop.wait(min(r.head_pause, 5))
                 conn.sendall(head[cut:])
             else:
                 conn.sendall(head)
@@ -340,30 +303,15 @@ class BadSource:
         assert not any(t.is_alive() for t in threads), "bad_source connection thread did not end"
 
 
-def _family_of(host, family):
-    if family is not None:
-        return family
-    return socket.AF_INET6 if ":" in host else socket.AF_INET
-
-
-def udp_send(host, port, payload: bytes, family=None):
-    """Sends one datagram; the family follows the address unless given."""
-    fam = _family_of(host, family)
-    with socket.socket(fam, socket.SOCK_DGRAM) as s:
+def udp_send(host, port, payload: bytes):
+    """Sends one IPv4 datagram."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         return s.sendto(payload, (host, port))
 
 
-def udp_send_mcast(group, port, payload: bytes, family=None, ttl=1):
-    """Sends one datagram to a multicast group through the loopback interface, looped back to
-    local members."""
-    fam = _family_of(group, family)
-    with socket.socket(fam, socket.SOCK_DGRAM) as s:
-        if fam == socket.AF_INET6:
-            idx = socket.if_nametoindex("lo")
-            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, idx)
-            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_LOOP, 1)
-            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_HOPS, ttl)
-            return s.sendto(payload, (group, port, 0, idx))
+def udp_send_mcast(group, port, payload: bytes, ttl=1):
+    """Sends one datagram to an IPv4 group through the loopback interface, looped back to members."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("127.0.0.1"))
         s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 1)
         s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, ttl)
