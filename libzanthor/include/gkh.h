@@ -26,8 +26,8 @@ inline hkey hk_num(long n)
     return k;
 }
 
-// A hash function: key and seed to a 64-bit hash.
-using khash_t = unsigned long (*)(hkey key, unsigned long seed);
+// A hash function: key and salt to a 64-bit hash.
+using khash_t = unsigned long (*)(hkey key, unsigned long salt);
 
 // Records: the common shape, and the two keyed forms.
 struct hrec {
@@ -46,7 +46,7 @@ struct ht_tag {
     ekt_type ktype;
     hrec** r;            // buckets, each the head of a chain
     size_t rlen;         // number of buckets, a power of two
-    unsigned long hseed; // seed handed to `icalc`
+    unsigned long hseed; // salt handed to `icalc`
     size_t count;        // records
     khash_t icalc;       // null: the numeric key is its own hash
 };
@@ -65,12 +65,12 @@ enum : int {
     HT_TOOBIG = 75,
 };
 
-// h = seed, then h = h * 101 + c for each (signed) character.
-unsigned long plHash(hkey key, unsigned long seed);
-// The classic ELF symbol hash in 64-bit arithmetic; the seed is not used.
-unsigned long elfHash(hkey key, unsigned long seed);
-// Thomas Wang's 64-bit integer mix of the numeric key; the seed is not used.
-unsigned long tw_shift(hkey key, unsigned long seed);
+// h = salt, then h = h * 101 + c for each (signed) character.
+unsigned long plHash(hkey key, unsigned long salt);
+// The classic ELF symbol hash in 64-bit arithmetic; the salt is not used.
+unsigned long elfHash(hkey key, unsigned long salt);
+// A 64-bit shift-and-multiply integer mix of the numeric key; the salt is not used.
+unsigned long tw_shift(hkey key, unsigned long salt);
 
 // The largest power of two not above n (1 for n of 0 or 1).
 size_t calc_rlen(size_t n);

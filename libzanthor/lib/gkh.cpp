@@ -13,16 +13,16 @@ LOG_MODULE(0, -1);
 
 // --- hash functions ------------------------------------------------------------------------------
 
-unsigned long plHash(hkey key, unsigned long seed)
+unsigned long plHash(hkey key, unsigned long salt)
 {
-    unsigned long h = seed;
+    unsigned long h = salt;
     // Characters are signed: bytes above 127 subtract.
     for (const char* p = key.s; *p; ++p)
         h = h * 101 + static_cast<unsigned long>(static_cast<long>(static_cast<signed char>(*p)));
     return h;
 }
 
-unsigned long elfHash(hkey key, unsigned long /*seed*/)
+unsigned long elfHash(hkey key, unsigned long /*salt*/)
 {
     uint64_t h = 0;
     for (const char* p = key.s; *p; ++p) {
@@ -36,7 +36,7 @@ unsigned long elfHash(hkey key, unsigned long /*seed*/)
     return h;
 }
 
-unsigned long tw_shift(hkey key, unsigned long /*seed*/)
+unsigned long tw_shift(hkey key, unsigned long /*salt*/)
 {
     uint64_t k = static_cast<uint64_t>(key.n);
     k = (k << 21) - k - 1;
