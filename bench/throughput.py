@@ -533,6 +533,12 @@ class Vsk:
                 why = next((x for x in text if "max_queued" in x), text[-1] if text else str(e))
                 raise Skip(f"the agent refuses web_input.max_queued = {wl.in_flight}: {why}")
             raise
+        if wl.in_flight > IN_FLIGHT and not re.search(r"max[-_ ]queued", self.agent.log(), re.I):
+            # An agent that reads no such key ignores it and keeps its built-in per-listener
+            # limit, which would refuse most of the requests: that is no figure of the agent.
+            self.agent.stop()
+            raise Skip(f"the agent does not know web_input.max_queued (its configuration dump "
+                       f"at start shows no such limit), so {wl.in_flight} in flight cannot be asked")
         self.tail = LogTail(self.agent.log_path)
 
     def run(self, wl, src, dst):
