@@ -517,7 +517,13 @@ class Vsk:
             v["web_input"][0]["max_queued"] = wl.in_flight
             v["max_tasks"] = max(4096, wl.in_flight)
         for key, value in b.vsk_set:
-            v[key] = value
+            *groups, last = key.split(".")    # "log.level" sets a key inside a group
+            node = v
+            for g in groups:
+                node = node.setdefault(g, {})
+                if isinstance(node, list):    # the listener list: its one group
+                    node = node[0]
+            node[last] = value
         if wl.lbdb:
             self.redis = Redis(b.work / "redis", conftest.free_port(), SOURCE_DIR)
             self.redis.dir.mkdir(exist_ok=True)
@@ -552,14 +558,14 @@ class Vsk:
             reqs.append(Request(i, url, text))
         pid = self.agent.proc.pid
         sample = PeakSampler(pid)
-        tracer = self.b.strace_start(wl, pid)
+        attached = self.b.attach_start(wl, pid)
         drv = Driver(port, self.tail, reqs, wl.in_flight, sample)
         cpu0 = cpu_seconds(pid)
         t0 = time.monotonic()
         try:
             t_last = drv.run(t0 + wl.time_limit)
         finally:
-            self.b.strace_stop(tracer, wl)
+            self.b.attach_stop(attached, wl)
         sample(force=True)
         cpu = cpu_seconds(pid) - cpu0
         failed = [r for r in reqs if r.failed]
@@ -600,24 +606,37 @@ class Bench:
         self.nginx = None
         self.vsk_set = [parse_set(x) for x in args.vsk_set]
         self.results = {}       # (workload, tool) -> [Sample] or an error text
+        self.attach_seq = 0
 
-    def strace_start(self, wl, pid):
-        if not self.args.strace:
+    def attach_start(self, wl, pid):
+        """Starts the --attach command (a profiler or tracer) on the agent for this run."""
+        if not self.args.attach:
             return None
-        out = Path(self.args.strace) / f"{wl.slug}.txt"
+        out = Path(self.args.attach_dir) / f"{wl.slug}-{self.attach_seq}.out"
+        self.attach_seq += 1
         out.parent.mkdir(parents=True, exist_ok=True)
-        p = subprocess.Popen(["strace", "-c", "-f", "-q", "-o", str(out), "-p", str(pid)],
-                             stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(0.5)  # strace needs a moment to attach; everything before it is not counted
-        return p
+        argv = [x.format(pid=pid, out=out) for x in self.args.attach.split()]
+        p = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.DEVNULL)
+        time.sleep(1.0)  # a tracer needs a moment to attach; what comes before is not counted
+        return p, out
 
-    def strace_stop(self, p, wl):
-        if p is None:
+    def attach_stop(self, attached, wl):
+        if attached is None:
             return
+        p, out = attached
         p.send_signal(signal.SIGINT)
-        p.wait(timeout=10)
-        print(f"  strace -c of vsk over {wl.count} files: {Path(self.args.strace) / wl.slug}.txt",
-              flush=True)
+        p.wait(timeout=60)
+        print(f"  {wl.name:<12} attached over {wl.count} files: {out}", flush=True)
+
+    def nginx_cpu(self):
+        """CPU of the nginx master and its workers: the source's share of a run."""
+        pid = self.nginx.proc.pid
+        pids = [pid]
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/children") as f:
+                pids += [int(x) for x in f.read().split()]
+        return sum(cpu_seconds(p) for p in pids)
 
     def generate(self, wl):
         d = self.nginx.root / wl.files
@@ -640,11 +659,17 @@ class Bench:
                 tool.start(wl)
                 for i in range(self.args.runs):
                     empty_dir(dst)
+                    t0, n0 = os.times(), self.nginx_cpu()
                     s = tool.run(wl, src, dst)
+                    t1, n1 = os.times(), self.nginx_cpu()
                     verify(wl, src, dst)
                     samples.append(s)
+                    # The harness shares the two cores with the tools: its own CPU (the vsk
+                    # client, the aria2 RPC feeders) is part of what a run costs the machine.
+                    own = (t1.user + t1.system) - (t0.user + t0.system)
                     print(f"  {wl.name:<12} {tool.name:<11} run {i + 1}: {s.seconds:7.3f} s, "
-                          f"CPU {s.cpu:6.3f} s, RssAnon {s.peak_kib / 1024:7.1f} MiB", flush=True)
+                          f"CPU {s.cpu:6.3f} s, RssAnon {s.peak_kib / 1024:7.1f} MiB, "
+                          f"harness CPU {own:6.3f} s, nginx CPU {n1 - n0:6.3f} s", flush=True)
             except Skip as e:
                 self.results[key] = f"skipped: {e}"
                 print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
@@ -760,9 +785,12 @@ def main():
     ap.add_argument("--inflight", type=int, default=0, metavar="N",
                     help="also N requests in flight on one listener (sets web_input.max_queued)")
     ap.add_argument("--vsk-set", action="append", default=[], metavar="KEY=VALUE",
-                    help="agent key to set, for example max_mmap_mb=0 (repeatable)")
-    ap.add_argument("--strace", metavar="DIR", help="count vsk's system calls with strace -c "
-                    "into DIR (the times are then not comparable)")
+                    help="agent key to set, for example max_mmap_mb=0 or log.level=norm (repeatable)")
+    ap.add_argument("--attach", metavar="CMD", help="command run on the agent during each of its "
+                    "runs and stopped with SIGINT at the end, {pid} and {out} replaced, for example "
+                    "'strace -c -f -o {out} -p {pid}' (the times are then not comparable)")
+    ap.add_argument("--attach-dir", default=str(SOURCE_DIR / "build/bench/attach"),
+                    help="where the --attach outputs go")
     ap.add_argument("--out", default=str(SOURCE_DIR / "build/bench"),
                     help="directory of bench.md and bench.svg")
     ap.add_argument("--keep", action="store_true", help="keep the temporary directory")
