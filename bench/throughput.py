@@ -738,8 +738,42 @@ def fmt_size(n):
     return f"{n // MiB} MiB" if n >= MiB else f"{n // KiB} KiB"
 
 
+CHART_ROWS = (  # figure of a run, y-axis label, whether the bar gets the ratio to curl -Z
+    (lambda s: s.seconds, "wall s (median, range)", True),
+    (lambda s: s.cpu, "tool CPU s (median, range)", False),
+    (lambda s: s.peak_kib / 1024, "peak RssAnon MiB", False),
+)
+
+
+def chart_cell(ax, bench, wl, figure, ratio):
+    names, med, lo, hi, labels = [], [], [], [], []
+    curl = bench.results.get((wl.name, Curl.name)) or bench.results.get((wl.files, Curl.name))
+    curl_med = (statistics.median(figure(s) for s in curl)
+                if ratio and isinstance(curl, list) and curl else None)
+    for (wname, tname), res in bench.results.items():
+        if wname != wl.name:
+            continue
+        names.append(tname)
+        if not isinstance(res, list) or not res:
+            med.append(0)
+            lo.append(0)
+            hi.append(0)
+            labels.append("failed" if str(res).startswith("FAILED") else "skipped")
+            continue
+        values = [figure(s) for s in res]
+        m = statistics.median(values)
+        med.append(m)
+        lo.append(m - min(values))
+        hi.append(max(values) - m)
+        labels.append(f"{m:.2f}" + (f"\n{m / curl_med:.2f}× curl" if curl_med else ""))
+    bars = ax.bar(names, med, yerr=[lo, hi], capsize=3, color="#4878a8")
+    ax.bar_label(bars, labels=labels, fontsize=7, padding=2)
+    ax.set_ylim(0, max(m + h for m, h in zip(med, hi)) * 1.35 or 1)
+    ax.tick_params(axis="x", labelrotation=30, labelsize=8)
+
+
 def chart(bench, wls, path):
-    """Median wall time per tool and workload with the range as error bars, as SVG."""
+    """Wall time, CPU and peak RssAnon per tool and workload (median, range as error bars)."""
     try:
         import matplotlib
         matplotlib.use("Agg")
@@ -747,26 +781,17 @@ def chart(bench, wls, path):
     except ImportError:
         print("no chart: matplotlib is not installed (make bench-deps)", file=sys.stderr)
         return False
-    shown = [wl for wl in wls if any(isinstance(r, list) and r for (w, _), r in
-                                     bench.results.items() if w == wl.name)]
+    shown = [wl for wl in wls if any(w == wl.name for w, _ in bench.results)]
     if not shown:
         return False
-    fig, axes = plt.subplots(1, len(shown), figsize=(3.6 * len(shown), 3.6), squeeze=False)
-    for ax, wl in zip(axes[0], shown):
-        names, med, lo, hi = [], [], [], []
-        for (wname, tname), res in bench.results.items():
-            if wname != wl.name or not isinstance(res, list) or not res:
-                continue
-            secs = [s.seconds for s in res]
-            m = statistics.median(secs)
-            names.append(tname)
-            med.append(m)
-            lo.append(m - min(secs))
-            hi.append(max(secs) - m)
-        ax.bar(names, med, yerr=[lo, hi], capsize=4, color="#4878a8")
-        ax.set_title(f"{wl.name}\n{wl.count} × {fmt_size(wl.size)}", fontsize=9)
-        ax.set_ylabel("seconds (median, range)")
-        ax.tick_params(axis="x", labelrotation=30, labelsize=8)
+    fig, axes = plt.subplots(len(CHART_ROWS), len(shown), squeeze=False,
+                             figsize=(3.4 * len(shown), 3.0 * len(CHART_ROWS)))
+    for col, wl in enumerate(shown):
+        axes[0][col].set_title(f"{wl.name}\n{wl.count} × {fmt_size(wl.size)}", fontsize=9)
+        for row, (figure, label, ratio) in enumerate(CHART_ROWS):
+            chart_cell(axes[row][col], bench, wl, figure, ratio)
+            if col == 0:
+                axes[row][col].set_ylabel(label)
     fig.tight_layout()
     fig.savefig(path, format="svg")
     plt.close(fig)
