@@ -195,32 +195,33 @@ def empty_dir(d):
 
 # ---- Tools ------------------------------------------------------------------------------------
 
-class Cp:
-    name = "cp -r"
+class Tool:
+    """A tool of the comparison: `start` before a workload's runs, `run` times one run (and
+    raises BenchError or Skip), `stop` after them. A plain command needs no start or stop."""
+
+    name = ""
 
     def __init__(self, bench):
         self.b = bench
 
     def start(self, wl):
         pass
+
+    def stop(self):
+        pass
+
+
+class Cp(Tool):
+    name = "cp -r"
 
     def run(self, wl, src, dst):
         # cp -r of a directory onto a missing name copies its content to that name.
         shutil.rmtree(dst)
         return run_command(["cp", "-r", str(src), str(dst)], time.monotonic() + wl.time_limit)
 
-    def stop(self):
-        pass
 
-
-class Curl:
+class Curl(Tool):
     name = "curl -Z"
-
-    def __init__(self, bench):
-        self.b = bench
-
-    def start(self, wl):
-        pass
 
     def run(self, wl, src, dst):
         cfg = self.b.work / "curl.cfg"
@@ -229,9 +230,6 @@ class Curl:
                 f.write(f'url = "{self.b.nginx.url(f"{wl.files}/{p}")}"\noutput = "{dst / p}"\n')
         return run_command(["curl", "-Z", "--parallel-max", str(wl.in_flight), "-s", "-S",
                             "--fail", "-K", str(cfg)], time.monotonic() + wl.time_limit)
-
-    def stop(self):
-        pass
 
 
 class Aria2Rpc:
@@ -255,11 +253,11 @@ class Aria2Rpc:
         self.conn.close()
 
 
-class Aria2:
+class Aria2(Tool):
     name = "aria2c RPC"
 
     def __init__(self, bench):
-        self.b = bench
+        super().__init__(bench)
         self.proc = None
 
     def start(self, wl):
@@ -496,14 +494,14 @@ class Driver:
                     self._fail(r, "task ended without its file")
 
 
-class Vsk:
+class Vsk(Tool):
     """The agent, asked through its web listener, configured as the sample configuration's
     production settings plus what --vsk-set gives."""
 
     name = "vsk"
 
     def __init__(self, bench):
-        self.b = bench
+        super().__init__(bench)
         self.agent = self.tail = self.redis = None
 
     def start(self, wl):
@@ -543,8 +541,8 @@ class Vsk:
             # An agent that reads no such key ignores it and keeps its built-in per-listener
             # limit, which would refuse most of the requests: that is no figure of the agent.
             self.agent.stop()
-            raise Skip(f"the agent does not know web_input.max_queued (its configuration dump "
-                       f"at start shows no such limit), so {wl.in_flight} in flight cannot be asked")
+            raise Skip("the agent does not know web_input.max_queued (its configuration dump "
+                       "shows no such limit)")
         self.tail = LogTail(self.agent.log_path)
 
     def run(self, wl, src, dst):
