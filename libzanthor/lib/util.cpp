@@ -424,6 +424,16 @@ int ignore_sigpipe()
     return 0;
 }
 
+int ignore_sigxfsz()
+{
+    if (install_handler(SIGXFSZ, SIG_IGN) != 0) {
+        const int err = errno;
+        zlogf(L_ERR, "%s: sigaction (SIGXFSZ) ERROR(%d): %s\n", err, strerror(err));
+        return -1;
+    }
+    return 0;
+}
+
 // The handlers only set flags, change dispositions and write one record. They mark the signal
 // context, in which the logger builds the record in a buffer of its own and writes it with
 // write(2), leaving the shared record buffer, stdio, syslog and rotation to the interrupted code;
