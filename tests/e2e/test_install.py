@@ -18,7 +18,7 @@ PKG_DIR = Path(os.environ.get("VSK_PKG_DIR", SOURCE_DIR / "build/pkgtest"))
 MAN_DIR = SOURCE_DIR / "man"
 LUA = {f"{n}_url.lua" for n in ("add", "del", "next", "mbget")}
 # Every file a server gets, relative to the prefix (the configuration relative to /etc for /usr).
-PREFIX_FILES = {"sbin/vsk", "bin/vsk-lbdb-load", "lib/systemd/system/vsk.service",
+PREFIX_FILES = {"sbin/vsk", "bin/vsk-lbdb-load", "lib/systemd/system/vsk.service", "lib/sysusers.d/vsk.conf",
                 "share/man/man8/vsk.8", "share/man/man5/vsk.conf.5"} | {f"share/vsk/lua/{f}" for f in LUA}
 
 
@@ -97,32 +97,53 @@ def test_package_files(deb, unpacked):
     assert "ExecStart=/usr/sbin/vsk -C /etc/vsk/vsk.conf" in (unpacked / "usr/lib/systemd/system/vsk.service").read_text()
 
 
-@pytest.mark.parametrize("exists", [False, True], ids=["new-account", "account-exists"])
-def test_postinst_creates_the_account_once(deb, tmp_path, exists):
-    """The maintainer script run against stand-ins of the account tools, which record each call."""
+@pytest.mark.parametrize("exists,sysusers", [(False, True), (False, False), (True, True)],
+                         ids=["new-by-sysusers", "new-by-useradd", "account-exists"])
+def test_postinst_creates_the_account_once(deb, tmp_path, exists, sysusers):
+    """The maintainer script run against stand-ins of every tool it calls, which record each call;
+    PATH holds nothing else, so the machine's accounts are never touched."""
     ctl = tmp_path / "ctl"
     subprocess.run(["dpkg-deb", "-e", str(deb), str(ctl)], check=True)
     bin_dir = tmp_path / "bin"
     bin_dir.mkdir()
     calls = tmp_path / "calls"
-    for tool, rc in (("getent", 0 if exists else 2), ("useradd", 0), ("install", 0), ("systemctl", 0)):
+    tools = {"getent": 0 if exists else 2, "useradd": 0, "install": 0, "systemctl": 0}
+    if sysusers:
+        tools["systemd-sysusers"] = 0
+    for tool, rc in tools.items():
         (bin_dir / tool).write_text(f'#!/bin/sh\necho "{tool} $*" >>"{calls}"\nexit {rc}\n')
         (bin_dir / tool).chmod(0o755)
-    env = dict(os.environ, PATH=f"{bin_dir}:/usr/bin:/bin")
-    r = subprocess.run(["sh", str(ctl / "postinst"), "configure"], env=env, capture_output=True,
-                       text=True, timeout=20)
+    r = subprocess.run(["/bin/sh", str(ctl / "postinst"), "configure"], env={"PATH": str(bin_dir)},
+                       capture_output=True, text=True, timeout=20)
     assert r.returncode == 0, r.stderr
     log = calls.read_text().splitlines()
     assert "getent passwd vsk" in log
-    useradd = [c for c in log if c.startswith("useradd ")]
+    made_by = [c for c in log if c.split()[0] in ("useradd", "systemd-sysusers")]
     if exists:
-        assert useradd == []
+        assert made_by == []
+    elif sysusers:
+        assert made_by == ["systemd-sysusers vsk.conf"]
     else:
-        assert len(useradd) == 1 and "--system" in useradd[0].split() and useradd[0].endswith(" vsk")
+        assert len(made_by) == 1 and "--system" in made_by[0].split() and made_by[0].endswith(" vsk")
     made = " ".join(c for c in log if c.startswith("install "))
     for d in ("/var/lib/vsk/data", "/var/lib/vsk/lock", "/var/log/vsk"):
         assert d in made.split(), (d, made)
     assert "-o vsk" in made
+
+
+@pytest.mark.skipif(shutil.which("systemd-sysusers") is None, reason="systemd-sysusers is not installed")
+def test_sysusers_makes_a_system_account(unpacked, tmp_path):
+    """The account file applied to an empty root: a system account with no login."""
+    root = tmp_path / "sysroot"
+    (root / "etc").mkdir(parents=True)
+    r = subprocess.run(["systemd-sysusers", f"--root={root}", str(unpacked / "usr/lib/sysusers.d/vsk.conf")],
+                       capture_output=True, text=True, timeout=30)
+    assert r.returncode == 0, r.stderr
+    user = [l.split(":") for l in (root / "etc/passwd").read_text().splitlines() if l.startswith("vsk:")]
+    assert len(user) == 1
+    _, _, uid, gid, _, home, shell = user[0]
+    assert int(uid) < 1000 and home == "/var/lib/vsk" and shell == "/usr/sbin/nologin"
+    assert f"vsk:x:{gid}:" in (root / "etc/group").read_text()
 
 
 # ---- the unpacked agent at work ---------------------------------------------------------------------
