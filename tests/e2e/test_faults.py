@@ -208,6 +208,8 @@ def test_stalled_tasks_end(agent, bad_source, nginx, case):
     assert files_under(agent.data_dir) == []
     # The slot is free again.
     ask(agent, nginx.url("ok.ts"), "ok.ts")
+    # The answer goes out with the head; the file is in place once the body is.
+    agent.wait_for_log(r"downloaded: \d+ bytes, \[[^]]*ok\.ts\]")
     assert (agent.data_dir / "ok.ts").read_bytes() == BODY
     assert wait_fds(agent.proc.pid, idle) == idle
     assert log_lines(agent) - lines < LOG_LINES_MAX
