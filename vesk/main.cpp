@@ -281,6 +281,8 @@ static int runtime_setup_steps()
     if (rc == 0)
         rc = ignore_sigpipe();
     if (rc == 0)
+        rc = ignore_sigxfsz();
+    if (rc == 0)
         rc = handle_sig(SIGUSR2, on_tdbg);
     if (rc != 0)
         return rc;
@@ -498,6 +500,9 @@ int on_pp()
 int do_idle_tasks()
 {
     time_out_requests();
+    rui_resume_listeners(&g_ctx.rui);
+    if (g_cfg->end_stalled_tasks)
+        (void)time_out_tasks();
     if (g_tdbg) {
         if (!s_dbg_pushed) {
             log_push_mlevels();
