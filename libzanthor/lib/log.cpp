@@ -477,9 +477,10 @@ static int clear_record(record* r)
     if (r->len > 0 && r->text[r->len - 1] != '\n') {
         if (r->len == LOG_OUTBUF_USABLE)
             --r->len;
+        else
+            ++n;
         r->text[r->len++] = '\n';
         r->text[r->len] = '\0';
-        ++n;
     }
     return n;
 }

@@ -148,3 +148,20 @@ def test_udp_listener(agent):
     assert agent.log().count("datagram(s) dropped") == 1
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         s.bind(("127.0.0.1", port))
+
+
+def test_failed_listener_start_names_the_listeners_left_unstarted(agent):
+    """The second of three listeners finds its port taken: start-up ends, and the log says which
+    listeners never got a socket, not only the one that failed."""
+    ports = [agent.port, free_port(), free_port()]
+    agent.vesk["web_input"] = [{"alias": f"web-{i}", "ifc": "lo", "port": p, "default_af": "ipv4"}
+                               for i, p in enumerate(ports)]
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", ports[1]))
+        taken.listen(1)
+        agent.start(wait_for=None)
+        assert agent.wait_exit() != 0
+    log = agent.log()
+    assert "rui_ctx_start: [user] listener[web-1] not started\n" in log, log[-3000:]
+    assert "rui_ctx_start: [user] listener[web-2] not started\n" in log
+    assert "listener[web-0] not started" not in log
