@@ -8,6 +8,7 @@ import socket
 import pytest
 
 from conftest import free_port
+from peers import recv_head
 
 PING = b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n"  # above the 32-byte low-water mark
 NO_CONTENT = b"HTTP/1.1 204 No Content\r\n"
@@ -19,13 +20,7 @@ def ping(family, address, timeout=5):
         s.settimeout(timeout)
         s.connect(address)
         s.sendall(PING)
-        data = b""
-        while b"\r\n\r\n" not in data:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            data += chunk
-        return data
+        return recv_head(s)
 
 
 def refused(family, address):

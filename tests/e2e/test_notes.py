@@ -6,6 +6,7 @@ import threading
 
 import pytest
 
+from peers import recv_head
 from test_download import ask
 from test_udp import dl_url, order, with_channel
 
@@ -30,13 +31,7 @@ class V6Source:
             return
         with conn:
             conn.settimeout(5)
-            head = b""
-            while b"\r\n\r\n" not in head:
-                chunk = conn.recv(4096)
-                if not chunk:
-                    break
-                head += chunk
-            self.heads.append(head)
+            self.heads.append(recv_head(conn))
             conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % len(self.body) + self.body)
 
     def close(self):
