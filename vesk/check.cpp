@@ -4,14 +4,17 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <csignal>
 #include <pwd.h>
 #include <sched.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "lbquery.h"
@@ -27,11 +30,16 @@ namespace {
 [[gnu::format(printf, 1, 2)]] void problem(const char* format, ...);
 [[gnu::format(printf, 1, 2)]] void note(const char* format, ...);
 
-int g_problems = 0;
+volatile sig_atomic_t g_problems = 0;
+
+// What the alarm handler writes when the database accepts the connection and then stays silent:
+// formatted before the alarm is armed, since the handler may only write.
+char g_stall_text[512];
+size_t g_stall_len = 0;
 
 void problem(const char* format, ...)
 {
-    ++g_problems;
+    g_problems = g_problems + 1;
     fputs("check: ", stderr);
     va_list ap;
     va_start(ap, format);
@@ -163,6 +171,46 @@ void check_udp_channel(const udp_lstn_cfg* udp)
                 udp->lkdir);
 }
 
+// Ends a check whose database stopped answering: the note and the verdict, then exit.
+void on_db_stall(int)
+{
+    ssize_t n = write(STDERR_FILENO, g_stall_text, g_stall_len);
+    (void)n;
+    _exit(g_problems ? 1 : 0);
+}
+
+// lbdb_connect bounds the connection by the time-out, but a database that accepts and then does
+// not answer (a paused server) would hold the "script exists" reply, and the check, for ever. An
+// operator's restart must not hang on that: after twice the time-out and a second more the check
+// ends with the database unchecked, as for one that cannot be reached.
+int connect_bounded(const lbdb_cfg* db, long ms)
+{
+    const long limit_ms = 2 * ms + 1000;
+    const int n = snprintf(g_stall_text, sizeof(g_stall_text),
+                           "check: note: database %s:%d did not answer within %ld ms; its scripts "
+                           "were not checked\n%s",
+                           db->host, db->port, limit_ms,
+                           g_problems ? "configuration check FAILED\n" : "configuration OK\n");
+    g_stall_len = n > 0 ? std::min(static_cast<size_t>(n), sizeof(g_stall_text) - 1) : 0;
+
+    struct sigaction sa{};
+    sa.sa_handler = on_db_stall;
+    sigemptyset(&sa.sa_mask);
+    struct sigaction old{};
+    sigaction(SIGALRM, &sa, &old);
+    itimerval timer{};
+    timer.it_value.tv_sec = limit_ms / 1000;
+    timer.it_value.tv_usec = (limit_ms % 1000) * 1000;
+    setitimer(ITIMER_REAL, &timer, nullptr);
+
+    const int rc = lbdb_connect(db->host, db->port, db->tmout);
+
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &old, nullptr);
+    return rc;
+}
+
 // The digest files, then, when the database answers within its time-out, that its scripts are
 // loaded. Only the calls a start makes, and the module is left idle again.
 void check_database(const lbdb_cfg* db)
@@ -180,7 +228,7 @@ void check_database(const lbdb_cfg* db)
         return;
     }
     const long ms = db->tmout.tv_sec * 1000L + db->tmout.tv_usec / 1000L;
-    const int rc = lbdb_connect(db->host, db->port, db->tmout);
+    const int rc = connect_bounded(db, ms);
     if (rc == -1)
         note("database %s:%d not reached within %ld ms, or it refused the check (see above); "
              "its scripts were not checked\n",
