@@ -57,6 +57,10 @@ CASES.update({
     "config-long": (["-t", "--config", "CFGPATH"], 0, OK),
     "config-absent": (["-C", "DIR/absent.conf"], 1, "Failed to load [DIR/absent.conf]"),
     "check-long": (["CFG", "--check"], 0, OK),
+    # Without a configuration nothing else is looked at: option values are checked after it.
+    "cpu-bad-without-config": (["-P", "x"], 1, "please use -C path\n" + "vsk"),
+    "level-long-without-config": (["--level", "debug", "-t"], 1, "please use -C path\n" + FAILED),
+    "unknown-without-config": (["--bogus"], 1, "please use -C path\n" + "vsk"),
     "check-without-config": (["--check"], 1, "please use -C path\n" + FAILED),
     "default-short": (["CFG", "-t", "-0"], 0, OK),
     "default-long": (["CFG", "-t", "--default"], 0, OK),
