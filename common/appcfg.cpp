@@ -163,9 +163,27 @@ static int load_listener_port(const config_setting_t* setting, rui_listener_cfg*
     return 0;
 }
 
+// Reads "max_queued", the listener's limit of live requests; absent keeps RUI_DEFAULT_QUEUED.
+static int load_listener_max_queued(const config_setting_t* setting, rui_listener_cfg* l)
+{
+    int num = 0;
+    l->max_queued = RUI_DEFAULT_QUEUED;
+    if (config_setting_lookup_int(setting, "max_queued", &num) != CONFIG_TRUE)
+        return 0;
+    if (num < 1 || num > RUI_MAX_QUEUED_LIMIT) {
+        zlog(L_ERR, "%s: web_input.max_queued = %d is out of range (1..%d)\n",
+             "load_listener_from", num, RUI_MAX_QUEUED_LIMIT);
+        return -1;
+    }
+    l->max_queued = static_cast<size_t>(num);
+    return 0;
+}
+
 static int load_listener_body(const config_setting_t* setting, rui_listener_cfg* l)
 {
     if (load_config_setting_str(setting, "alias", l->alias, sizeof(l->alias), ""))
+        return -1;
+    if (load_listener_max_queued(setting, l))
         return -1;
     char text[16];
     if (load_config_setting_str(setting, "protocol", text, 15, "tcp"))

@@ -16,6 +16,8 @@ struct ifc_info;
 
 // Listener slots per request type.
 enum : size_t { RUI_LISTENER_SLOTS = 4 };
+// Live requests one listener holds by default, and the highest limit a configuration may set.
+enum : int { RUI_DEFAULT_QUEUED = 1000, RUI_MAX_QUEUED_LIMIT = 100000 };
 
 struct log_cfg {
     char path[128];     // empty: standard error; "|cmd": a pipe to cmd
@@ -47,6 +49,8 @@ struct rui_listener_cfg {
     char domain_path[104]; // non-empty: a Unix-domain listener
     int proto;           // IPPROTO_TCP or IPPROTO_UDP
     n32_tag kind;        // for example "Web" for a command-line listener
+    size_t max_queued;   // live requests it holds; 0 (a listener from the command line) is
+                         // RUI_DEFAULT_QUEUED
 };
 
 struct rui_cfg {

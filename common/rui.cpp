@@ -15,6 +15,8 @@
 #include "netops.h"
 #include "rqs.h"
 #include "syswrap.h"
+#include "timeop.h"
+#include "tmout.h"
 #include "util.h"
 
 LOG_MODULE(0, -1);
@@ -129,6 +131,18 @@ int rui_setup_listeners(int type, rui_listener_cfg* lc, rui_socket_ctx* srv)
     return 0;
 }
 
+// After a failed start, names every set-up listener left without a socket: the walk stops at the
+// first failure, and an operator should not have to guess which of the others were never tried.
+static void log_unstarted(const rui_ctx* ctx)
+{
+    const rui_socket_ctx* types[RUI_MAX] = {ctx->user, ctx->admin, ctx->custom};
+    for (int type = 0; type < RUI_MAX; ++type)
+        for (size_t i = 0; i < RUI_LISTENER_SLOTS && is_set_up(&types[type][i]); ++i)
+            if (types[type][i].sockfd < 0)
+                zlog(L_ERR, "%s: [%s] listener[%s] not started\n", "rui_ctx_start",
+                     rui_type_name(type), alias_of(&types[type][i]));
+}
+
 int rui_ctx_start(rui_ctx* ctx)
 {
     int rc = rui_enable_listeners(ctx->user);
@@ -136,6 +150,8 @@ int rui_ctx_start(rui_ctx* ctx)
         rc = rui_enable_listeners(ctx->admin);
     if (rc == 0)
         rc = rui_enable_listeners(ctx->custom);
+    if (rc != 0)
+        log_unstarted(ctx);
     return rc;
 }
 
@@ -206,11 +222,24 @@ int rui_start_listener(rui_listener_cfg* cfg, rui_socket_ctx* srv)
     return -1;
 }
 
+// Takes a paused listener out of the back-off; it is registered for reading again only when
+// `rearm`.
+static void end_pause(rui_socket_ctx* srv, bool rearm)
+{
+    if (!srv->paused)
+        return;
+    srv->paused = false;
+    rm_timeout(RUI_PAUSE_TMOUT);
+    if (rearm && rqs_mod(srv->sockfd, srv, RQS_READ) != 0)
+        zlogf(L_ERR, "%s: cannot resume accepting on [%s] fd%d\n", alias_of(srv), srv->sockfd);
+}
+
 void rui_stop_listener(rui_socket_ctx* srv)
 {
     // Descriptor 0 is a valid listener: a daemon closes its standard input before listening.
     if (srv->sockfd < 0)
         return;
+    end_pause(srv, false);
     ZASSERT(0 == srv->deferred && srv->sockfd >= 0);
     if (const size_t n = queued(srv); n > 0)
         zlog(L_WARN, "%s listener fd%d wll be closed (%lu requsts queued)\n", srv->rqtag.sym4,
@@ -326,6 +355,72 @@ static void drop_datagrams(const char* who, const rui_socket_ctx* srv, const cha
          who, alias, dropped, shown ? shown : "?");
 }
 
+// One warning a second at most while descriptors run out, however often accept() fails: the
+// count of failures not logged goes out with the next warning.
+static void log_out_of_fds(const char* who, const char* alias, int err)
+{
+    static timespec last_tm;
+    static bool logged = false;
+    static unsigned long suppressed = 0;
+    static constexpr timespec interval = {1, 0};
+    if (logged && !timed_out(&last_tm, &interval)) {
+        ++suppressed;
+        return;
+    }
+    zlog(L_WARN, "%s(%s): accept() ERROR(%d): %s; not accepting for %d ms (%lu such errors "
+                 "suppressed)\n",
+         who, alias, err, strerror(err), RUI_ACCEPT_BACKOFF_MS, suppressed);
+    last_tm = *rqs_now_ref();
+    logged = true;
+    suppressed = 0;
+}
+
+// Out of descriptors the pending connection stays in the kernel's queue, and a level-triggered
+// listener would be reported again at once: it is parked (only hang-up and errors reported) until
+// the back-off is over.
+static void pause_listener(rui_socket_ctx* srv)
+{
+    if (srv->paused)
+        return;
+    if (rqs_mod(srv->sockfd, srv, 0) != 0)
+        return;
+    static constexpr long ns_per_ms = 1000000L;
+    srv->resume_tm = *rqs_now_ref();
+    srv->resume_tm.tv_nsec += RUI_ACCEPT_BACKOFF_MS * ns_per_ms;
+    srv->resume_tm.tv_sec += srv->resume_tm.tv_nsec / 1000000000L;
+    srv->resume_tm.tv_nsec %= 1000000000L;
+    srv->paused = true;
+    set_timeout(RUI_PAUSE_TMOUT, RUI_ACCEPT_BACKOFF_MS);
+}
+
+void rui_resume_listeners(rui_ctx* ctx)
+{
+    rui_socket_ctx* const types[RUI_MAX] = {ctx->user, ctx->admin, ctx->custom};
+    static constexpr timespec zero = {0, 0};
+    for (rui_socket_ctx* srv : types)
+        for (size_t i = 0; i < RUI_LISTENER_SLOTS; ++i)
+            if (srv[i].paused && timed_out(&srv[i].resume_tm, &zero))
+                end_pause(&srv[i], true);
+}
+
+// A client turned away because the listener is full learns it and when to try again, instead of
+// a close without a word. The connection is new, so the short answer fits its empty send buffer;
+// what the client sent already is read first, as a close with unread data would reset the
+// connection and could destroy the answer before the client reads it.
+static void answer_busy(int fd)
+{
+    static constexpr char busy[] = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 1\r\n"
+                                   "Content-Length: 0\r\nConnection: close\r\n\r\n";
+    char sink[1024];
+    for (int i = 0; i < 8 && recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0; ++i) {
+    }
+    if (send(fd, busy, sizeof busy - 1, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        const int err = errno;
+        zlogf(L_INFO, "%s: send(fd%d) ERROR(%d): %s\n", fd, err, strerror(err));
+    }
+    (void)shutdown(fd, SHUT_WR);
+}
+
 static bool is_datagram_listener(const rui_socket_ctx* srv)
 {
     return srv->lc && !srv->lc->domain_path[0] && srv->lc->proto == IPPROTO_UDP;
@@ -361,6 +456,10 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
                 zlog(L_INFO, "%s(%s): connection aborted/reset before accept()\n", __func__, alias);
                 continue;
             }
+            if (err == EMFILE || err == ENFILE) {
+                log_out_of_fds(__func__, alias, err);
+                pause_listener(srv);
+            }
             break;
         }
         char ptext[INET6_ADDRSTRLEN + 128];
@@ -372,6 +471,8 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
         rc = setup_connection(__func__, fd, peer.ss_family, srv, flags, data);
         if (rc != 0) {
             zlog(L_ERR, "Error rc=%d processing connection [%s] fd=%d\n", rc, shown, fd);
+            if (rc == EBUSY)
+                answer_busy(fd);
             W_close(__func__, fd);
             continue;
         }
@@ -388,7 +489,8 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
 int rui_add_request(int fd, rui_socket_ctx* srv, void* data)
 {
     const size_t n = queued(srv);
-    if (n > MAX_RUI_QUEUED - 1) {
+    const size_t limit = srv->lc && srv->lc->max_queued ? srv->lc->max_queued : MAX_RUI_QUEUED;
+    if (n > limit - 1) {
         zlogf(L_ERR, "%s: Too many user requests (%lu) queued\n", n);
         return EBUSY;
     }

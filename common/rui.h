@@ -4,6 +4,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <sys/select.h>
 #include <sys/types.h>
 
@@ -22,6 +23,11 @@ enum : size_t {
     MAX_RQNUM = 100000,
     MAX_RUI_QUEUED = 1000, // live requests per listener
 };
+
+// Out of descriptors, a listener stops accepting for this long; its pending connections wait in
+// the kernel's queue meanwhile. The time-out registry kind RUI_PAUSE_TMOUT bounds the loop's wait
+// while a listener is paused, so that it is resumed on time; the application's kinds lie below.
+enum : int { RUI_ACCEPT_BACKOFF_MS = 100, RUI_PAUSE_TMOUT = 31 };
 
 // Receive low-water mark of accepted network connections, in bytes.
 enum : int { RUI_LOW_WMARK = 32 };
@@ -78,6 +84,8 @@ struct rui_socket_ctx {
     rui_listener_cfg* lc;
     n32_tag rqtag;       // the request type's tag
     rui_socket_cb* cb;   // the request type's callbacks
+    bool paused;         // out of descriptors: not accepting until resume_tm
+    timespec resume_tm;  // loop time at which a paused listener accepts again
 };
 
 struct rui_ctx {
@@ -103,8 +111,9 @@ void rui_set_cb(int type, const rui_socket_cb* cb);
 // queue's or the list's error code. A valid entry of a type without new_rq/rm_rq is fatal.
 [[nodiscard]] int rui_setup_listeners(int type, rui_listener_cfg* lc, rui_socket_ctx* srv);
 
-// Starts every set-up listener of every type; 0 or the first failure (which ends start-up).
-// Needs an initialised event loop.
+// Starts every set-up listener of every type; 0 or the first failure (which ends start-up), after
+// which every set-up listener left without a socket is logged as not started. Needs an
+// initialised event loop.
 [[nodiscard]] int rui_ctx_start(rui_ctx* ctx);
 // Starts the set-up slots of one type (the RUI_LISTENER_SLOTS slots at `srv`); 0 or -1.
 [[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv);
@@ -124,12 +133,16 @@ void rui_ctx_destroy(rui_ctx* ctx);
 // The accept cycle of a readable listener: at most `max_accept` connections (0 accepts none) are
 // accepted, made non-blocking, given the receive low-water mark (and TCP_NODELAY with
 // RUI_TCP_NODELAY) when they are network connections, and queued. A connection whose set-up fails
-// is closed. Returns the set-up result of the last connection (0 when it was queued). A UDP
+// is closed; one refused because the listener holds its limit of requests is first answered
+// "503 Service Unavailable" with "Retry-After: 1". Out of descriptors (EMFILE, ENFILE), the
+// listener is paused for RUI_ACCEPT_BACKOFF_MS (see rui_resume_listeners) and a warning is logged
+// at most once a second with the count of those suppressed. Returns the set-up result of the last
+// connection (0 when it was queued). A UDP
 // listener takes no requests: up to `max_accept` pending datagrams are read, dropped with a
 // warning, and 0 is returned.
 int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* data);
-// Creates, queues and registers the request of an accepted descriptor. 0; 16 (EBUSY) when
-// MAX_RUI_QUEUED requests are queued already; -1 when new_rq refuses; the dispatcher's error. On
+// Creates, queues and registers the request of an accepted descriptor. 0; 16 (EBUSY) when the
+// listener's max_queued (MAX_RUI_QUEUED without a configuration) requests are queued already; -1 when new_rq refuses; the dispatcher's error. On
 // any failure nothing refers to `fd` any more and the caller closes it.
 int rui_add_request(int fd, rui_socket_ctx* srv, void* data);
 // Removes a queued request at once: unregisters and closes its descriptor, takes it out of the
@@ -141,6 +154,8 @@ void rui_rm_request(void* p);
 int rui_pprm_request(void* rq);
 // Performs the scheduled removals of all types (user, admin, custom).
 void rui_pprm_all(rui_ctx* ctx);
+// Resumes accepting on every paused listener whose back-off is over; for the loop's idle pass.
+void rui_resume_listeners(rui_ctx* ctx);
 // Asks the type's time_out callback about every queued request of all types.
 void rui_tmout_all(rui_ctx* ctx, u_int tmout_ms);
 

@@ -4,8 +4,12 @@
 # side-by-side benchmark (`make bench`), which the build and the tests do not need.
 set -euo pipefail
 
+# dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
+# and man-db: the manual page checks. systemd is not pulled in for systemd-analyze: the unit check
+# is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
-      libgtest-dev python3 python3-pytest redis-server nginx curl socat)
+      libgtest-dev python3 python3-pytest redis-server nginx curl socat
+      dpkg-dev file groff-base man-db)
 if [ "${1:-}" = "--bench" ]; then
   PKGS+=(aria2 python3-matplotlib)
 fi

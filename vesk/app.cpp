@@ -25,6 +25,7 @@
 #include "rqs.h"
 #include "syswrap.h"
 #include "timeop.h"
+#include "tmout.h"
 #include "udl.h"
 
 LOG_MODULE(0, -1);
@@ -63,6 +64,13 @@ timespec ms_to_ts(long ms)
 bool state_is(const dw_task* dw, const char (&s)[4])
 {
     return dw->state.num == mk_tag32(s);
+}
+
+// How often the tasks are walked for stalled ones: a task is ended at most a quarter of the
+// time-out late, and the walk costs little beside the waits it bounds.
+long task_check_ms()
+{
+    return std::max(1L, static_cast<long>(g_cfg->task_tmout_ms / 4));
 }
 
 } // namespace
@@ -161,6 +169,7 @@ int init_vesk_ctx()
     }
     set_clk_now(&g_ctx.last_tmout_check, CLOCK_MONOTONIC);
     g_ctx.last_rq_check = g_ctx.last_tmout_check;
+    g_ctx.last_task_check = g_ctx.last_tmout_check;
     g_ctx.last_task_id = 0;
     g_ctx.is_ready = true;
     zlogf(L_DEBUG, "%s: OK\n");
@@ -228,6 +237,9 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag)
         return nullptr;
     }
     dw->is_hashed = true;
+    // While a task lives the loop's wait must end in time for its stall check.
+    if (g_cfg->end_stalled_tasks)
+        set_timeout(IDLE_TASK_TMOUT, task_check_ms());
     zlog(L_NORM, "TASK-START [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n",
          dw->trk_tag.sym8, static_cast<void*>(dw), dw->idx, dw->spec.url, dw->spec.fpath,
          static_cast<unsigned long>(dw->spec.content_length), static_cast<long>(dw->spec.expiry_tm),
@@ -417,6 +429,8 @@ void free_dw(dw_task* dw)
     if (dw->idx >= 0) {
         (void)xvlst_del(&g_ctx.tasks, static_cast<size_t>(dw->idx), nullptr);
         dw->idx = -1;
+        if (g_cfg->end_stalled_tasks)
+            rm_timeout(IDLE_TASK_TMOUT);
     }
 }
 
@@ -532,6 +546,7 @@ int dw_write(dw_task* dw)
     if (!state_is(dw, "ini"))
         log_abort("%s: unexpected for %s (%p) in [%s]\n", __func__, dw->trk_tag.sym8,
                   static_cast<void*>(dw), dw->state.sym4);
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
     return request_data_stream(dw);
 }
 
@@ -542,6 +557,8 @@ int dw_read(dw_task* dw)
         return 0;
     }
     int rc = 0;
+    // Any event of the source is a sign of life, also one that completes the head at once.
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
     if (state_is(dw, "rsp")) {
         rc = read_src_response(dw);
         if (rc == 11)
@@ -629,14 +646,23 @@ int dw_tmout_check(void* data, size_t i)
     const long ms = (d.tv_sec > LONG_MAX / 1000 - 1) ? -1L : d.tv_sec * 1000 + d.tv_nsec / 1000000;
     zlog(L_WARN, "[%s] (%p) timed out after %ld ms\n", dw->trk_tag.sym8, static_cast<void*>(dw),
          ms);
+    // A requester still waiting for the head learns that the source did not answer in time.
+    if (dw->cfd >= 0) {
+        dw->hresp = &g_resp_gwtmo;
+        answer_client(dw);
+    }
     (void)pprm_task(dw);
     return 0;
 }
 
 int time_out_tasks()
 {
-    if (is_iocheck_time())
-        (void)xvlst_each(&g_ctx.tasks, dw_tmout_check, nullptr);
+    // A clock of its own: sharing the request check's would let one walk starve the other.
+    const timespec period = ms_to_ts(task_check_ms());
+    if (!g_ctx.tasks.len || !timed_out(&g_ctx.last_task_check, &period))
+        return 0;
+    g_ctx.last_task_check = *rqs_now_ref();
+    (void)xvlst_each(&g_ctx.tasks, dw_tmout_check, nullptr);
     return 0;
 }
 
@@ -723,14 +749,24 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
     dw->has_dfile = true;
     dw->dfile_dev = st.st_dev;
     dw->dfile_ino = st.st_ino;
-    if (const int rc = W_ftruncate(__func__, dw->dfd, static_cast<off_t>(dw->content_length)))
-        return rc;
+    // The blocks are reserved before a byte is stored: a full disk, a quota or a file size limit
+    // then fails the task here with its error, not later, and a mapped page can always be backed
+    // (a store into a sparse page that the filesystem cannot allocate raises SIGBUS).
+    const int reserved = W_fallocate(__func__, dw->dfd, 0, static_cast<off_t>(dw->content_length));
+    if (reserved != 0 && reserved != EOPNOTSUPP)
+        return reserved;
+    if (reserved == EOPNOTSUPP) {
+        // A filesystem without reservations gets a plain-written file, whose writes report a
+        // full disk as an error.
+        if (const int rc = W_ftruncate(__func__, dw->dfd, static_cast<off_t>(dw->content_length)))
+            return rc;
+    }
     zlogf(L_DEBUG, "%s: destination fd%d opened [%s], %zu bytes\n", dw->dfd, dw->spec.fpath,
           dw->content_length);
 
     const char* body = buf + (has_tail ? resp->tail : 0);
     dw->f_pos = 0;
-    if (can_mmap_dw(dw)) {
+    if (reserved == 0 && can_mmap_dw(dw)) {
         void* map = mmap(nullptr, dw->content_length, PROT_WRITE,
                          MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, dw->dfd, 0);
         if (map == MAP_FAILED) {
@@ -743,8 +779,17 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
         dw->buflen = dw->content_length;
         dw->is_mmapped = true;
         if (tail_len > 0) {
-            zlogf(L_DEBUG, "%s: memcopy tail of %zd bytes\n", tail_len);
-            memcpy(dw->buf, body, static_cast<size_t>(tail_len));
+            // Written through the descriptor, not stored into the map: the kernel reports a page
+            // it cannot back as an error instead of a signal. The map shares the page cache, so
+            // it sees these bytes.
+            zlogf(L_DEBUG, "%s: write tail of %zd bytes\n", tail_len);
+            const ssize_t n = pwrite(dw->dfd, body, static_cast<size_t>(tail_len), 0);
+            if (n != tail_len) {
+                const int e = n < 0 ? errno : EIO;
+                zlogf(L_ERR, "%s: pwrite(fd%d, %zd) = %zd ERROR(%d): %s\n", dw->dfd, tail_len, n,
+                      e, strerror(e));
+                return e;
+            }
             dw->f_pos += tail_len;
             dw->nleft -= static_cast<size_t>(tail_len);
         }

@@ -93,7 +93,8 @@ bool is_iocheck_time();
 // xvlst_each callback: lists the task at `i` for removal when its source has been silent for
 // task_tmout_ms. Always 0.
 int dw_tmout_check(void* data, size_t i);
-// Periodic walks; both return 0. time_out_tasks is deliberately not called by any hook.
+// Periodic walks; both return 0. time_out_tasks ends stalled tasks; the idle pass calls it only
+// with end_stalled_tasks, and then it walks the tasks every quarter of task_tmout_ms.
 int time_out_tasks();
 int time_out_requests();
 

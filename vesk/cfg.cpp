@@ -2,6 +2,7 @@
 // the final check and the dump of the effective settings.
 #include "cfg.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
@@ -103,6 +104,13 @@ static int load_sections(const config_t* lc, vesk_cfg* cfg)
         int max_accept = 0;
         if (config_setting_lookup_int(s, "max_accept", &max_accept) != CONFIG_TRUE)
             max_accept = D_MAX_ACCEPT;
+        // None per cycle never drains the queue, and the level-triggered listener comes back at
+        // once: the agent would spin. Above the limit one listener starves the rest of the loop.
+        if (max_accept < 1 || max_accept > static_cast<int>(D_MAX_ACCEPT_LIMIT)) {
+            zlog(L_ERR, "%s: vesk.web_input.max_accept = %d is out of range (1..%d)\n",
+                 "load_config", max_accept, static_cast<int>(D_MAX_ACCEPT_LIMIT));
+            return -1;
+        }
         cfg->rui.max_accept = static_cast<size_t>(max_accept);
         cfg->rui.user_request_tmout = D_URQ_TMOUT_MS;
     }
@@ -144,6 +152,21 @@ int load_config(vesk_cfg* cfg, int is_reload)
     cfg->max_tasks = static_cast<size_t>(lookup_int(lc, "vesk.max_tasks", D_MAX_TASKS));
     cfg->task_tmout_ms = static_cast<size_t>(lookup_int(lc, "vesk.task_tmout_ms", D_DW_TMOUT_MS));
     cfg->max_mmap_mb = static_cast<size_t>(lookup_int(lc, "vesk.max_mmap_mb", D_MAX_MMAP_MB));
+
+    if (const config_setting_t* st = config_lookup(lc, "vesk.end_stalled_tasks")) {
+        if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
+            zlogf(L_ERR, "%s: %s must be true or false\n", "vesk.end_stalled_tasks");
+            return -1;
+        }
+        cfg->end_stalled_tasks = config_setting_get_bool(st) != 0;
+    } else {
+        cfg->end_stalled_tasks = false;
+    }
+    if (cfg->end_stalled_tasks && (cfg->task_tmout_ms < 1 || cfg->task_tmout_ms > INT_MAX)) {
+        zlogf(L_ERR, "%s: %s must be at least 1 with vesk.end_stalled_tasks\n",
+              "vesk.task_tmout_ms");
+        return -1;
+    }
 
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");
@@ -199,6 +222,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
     fprintf(stream, "\tmax tasks            = %zu %s\n", cfg->max_tasks,
             cfg->max_tasks ? "" : "(unlimited)");
     fprintf(stream, "\ttask time-out        = %zu ms\n", cfg->task_tmout_ms);
+    if (cfg->end_stalled_tasks)
+        fprintf(stream, "\tstalled tasks        = ended after the task time-out\n");
     fprintf(stream, "\tmmap up to           = %zu MB\n", cfg->max_mmap_mb);
     if (cfg->seg_url_pfx[0])
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);

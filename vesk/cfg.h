@@ -12,6 +12,7 @@
 // Built-in defaults.
 enum : size_t {
     D_MAX_ACCEPT = 64,
+    D_MAX_ACCEPT_LIMIT = 1024, // highest max_accept a configuration may set
     D_MAX_FILES = 8,
     D_MAX_TASKS = 4096,
     D_URQ_TMOUT_MS = 1000,
@@ -40,6 +41,7 @@ struct vesk_cfg {
     int urq_tmout_sec;     // client request time-out, seconds
     size_t max_tasks;      // 0: unlimited
     size_t task_tmout_ms;
+    bool end_stalled_tasks; // a task without I/O for task_tmout_ms ends (504 to its client)
     size_t max_mmap_mb;    // larger destination files are written through a buffer
     char seg_url_pfx[128]; // local URL prefix of downloaded segments
     lbdb_cfg lbdb;         // lbdb.port 0: no database

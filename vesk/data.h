@@ -136,6 +136,7 @@ struct vesk_ctx {
     size_t last_task_id;  // counter of the tasks' tracking tags
     timespec last_tmout_check;
     timespec last_rq_check; // set at start, not otherwise used
+    timespec last_task_check; // last walk of the tasks for stalled ones
 };
 
 extern vesk_ctx g_ctx;

@@ -145,7 +145,9 @@ long rqs_tmout_ms(const struct timespec* tmout);
 
 // Runs the loop until the quit flag, a failing callback or a fatal wait error. The non-zero result
 // that ended it (an errno of the wait, or a callback's result), else the number of events of the
-// last batch whose handler failed (0 after a clean quit).
+// last batch whose handler failed (0 after a clean quit). While it runs, the quit signals (TERM,
+// QUIT, INT) and USR2 are blocked everywhere but inside the wait; the caller's mask is restored on
+// return.
 int rqs_event_loop(void);
 // Closes the inotify and epoll descriptors and releases the containers. Remaining watches are not
 // removed one by one; closing the inotify descriptor drops them.

@@ -26,6 +26,10 @@ int W_close(const char* caller, int fd);
 off_t W_lseek(const char* caller, int fd, off_t offset, int whence);
 int W_unlink(const char* caller, const char* path);
 int W_ftruncate(const char* caller, int fd, off_t length);
+// posix_fallocate: reserves the blocks of `len` bytes from `offset`, extending the file. 0 or the
+// error number (ENOSPC, EDQUOT, EFBIG, ...); EOPNOTSUPP (the filesystem cannot reserve) is logged
+// at debug level only, as callers fall back.
+int W_fallocate(const char* caller, int fd, off_t offset, off_t len);
 // The new descriptor (the caller's to close) or -1.
 [[nodiscard]] int W_open(const char* caller, const char* path, int flags, mode_t mode);
 int W_connect(const char* caller, int fd, const struct sockaddr* addr, socklen_t addrlen);
@@ -47,7 +51,8 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service,
 int W_select(const char* caller, int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
              struct timeval* timeout);
 // The accepted descriptor (the caller's to close) or -1. EAGAIN (the queue of a non-blocking
-// listener is drained) is returned without a log line.
+// listener is drained), EMFILE and ENFILE (out of descriptors: the caller limits how often that is
+// reported) are returned without a log line.
 [[nodiscard]] int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen);
 int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout);
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, size_t count,

@@ -61,6 +61,9 @@ using sig_handler_fn = void (*)(int);
 [[nodiscard]] int handle_quit_signals(sig_handler_fn handler);
 [[nodiscard]] int handle_sig(int signo, sig_handler_fn handler);
 [[nodiscard]] int ignore_sigpipe();
+// Ignores SIGXFSZ, so that growing a file beyond the process's file size limit fails with EFBIG
+// instead of ending the process. 0 or -1.
+[[nodiscard]] int ignore_sigxfsz();
 // Quit handler: sets g_quit (and g_goodbye for SIGTERM/SIGINT), logs, and ignores SIGCHLD, SIGHUP
 // and SIGUSR1 from then on.
 void on_sigquit(int signo);

@@ -3,9 +3,11 @@
 // three static singletons; the loop is driven only from the main thread.
 #include "rqs.h"
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -30,6 +32,15 @@ static rqs_context g_rqs;
 // Descriptors start closed: a shut-down after a start-up that failed before rqs_init must not
 // close descriptor 0, which in a daemon is usually the log file.
 static inotify_ctx g_ino = {{0}, -1, false, {}, nullptr, 0};
+
+// The signals whose handlers only raise flags for the loop: quit and debug toggle. They stay
+// blocked while the loop runs and are let in only inside the wait, which epoll_pwait does
+// atomically. A signal that arrived after the loop looked at its flags is then still pending
+// when the wait begins, and ends the wait at once, instead of setting a flag that a wait without
+// time-out would never look at.
+constexpr std::array<int, 4> LOOP_SIGNALS = {SIGTERM, SIGQUIT, SIGINT, SIGUSR2};
+// The mask in force before the loop began: the mask of the wait, restored when the loop ends.
+static sigset_t g_wait_mask;
 
 static n32_tag ino_tag()
 {
@@ -436,8 +447,8 @@ static int rqs_wait()
     if (ms > INT_MAX)
         ms = INT_MAX;
     const int cap = static_cast<int>(evs->max_len);
-    const int n = epoll_wait(g_rqs.loopfd, static_cast<struct epoll_event*>(evs->data), cap,
-                             static_cast<int>(ms));
+    const int n = epoll_pwait(g_rqs.loopfd, static_cast<struct epoll_event*>(evs->data), cap,
+                              static_cast<int>(ms), &g_wait_mask);
     const int err = errno;
     if (n < 0) {
         if (err == EINTR)
@@ -483,10 +494,30 @@ static int dispatch_event(const struct epoll_event* ev)
     return -1;
 }
 
+// Blocks LOOP_SIGNALS and keeps the previous mask for the wait.
+static void block_loop_signals()
+{
+    sigset_t block;
+    sigemptyset(&block);
+    for (const int signo : LOOP_SIGNALS)
+        sigaddset(&block, signo);
+    if (sigprocmask(SIG_BLOCK, &block, &g_wait_mask) != 0)
+        log_abort("%s: sigprocmask(SIG_BLOCK) ERROR(%d): %s\n", __func__, errno, strerror(errno));
+}
+
+// Lets signals that are pending in, outside any wait, and blocks them again.
+static void take_pending_signals()
+{
+    sigset_t blocked;
+    (void)sigprocmask(SIG_SETMASK, &g_wait_mask, &blocked);
+    (void)sigprocmask(SIG_SETMASK, &blocked, nullptr);
+}
+
 int rqs_event_loop(void)
 {
     ZASSERT(g_rqs.loopfd != 0);
     const rqs_callbacks& cb = g_cfg.cb;
+    block_loop_signals();
     if (cb.update_tmout != nullptr)
         cb.update_tmout(&g_rqs.tmout);
     zlog(L_INFO, "Entering event loop\n");
@@ -507,7 +538,12 @@ int rqs_event_loop(void)
         int n = 0;
         // Always-ready no-poll events with nothing else registered: waiting would only add a
         // system call that returns at once.
-        if (!(g_rqs.nopoll.len > 0 && g_rqs.poll_fds == 0)) {
+        if (g_rqs.nopoll.len > 0 && g_rqs.poll_fds == 0) {
+            // No wait lets the blocked signals in: do it here, or a quit would never be seen.
+            take_pending_signals();
+            if (g_quit)
+                break;
+        } else {
             if (cb.update_tmout != nullptr)
                 cb.update_tmout(&g_rqs.tmout);
             n = rqs_wait();
@@ -582,6 +618,7 @@ int rqs_event_loop(void)
         }
     }
 
+    (void)sigprocmask(SIG_SETMASK, &g_wait_mask, nullptr);
     if (rc == EINTR && g_quit)
         rc = 0;
     zlog(L_INFO, "Exiting event loop, %d failed, rc=%d, quit=%d\n", static_cast<int>(failed), rc,

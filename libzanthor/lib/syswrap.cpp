@@ -101,6 +101,15 @@ int W_ftruncate(const char* caller, int fd, off_t length)
     return rc;
 }
 
+int W_fallocate(const char* caller, int fd, off_t offset, off_t len)
+{
+    const int rc = posix_fallocate(fd, offset, len);
+    if (rc != 0)
+        zlog(rc == EOPNOTSUPP ? L_DEBUG : L_ERR, "%s: posix_fallocate(%d, %ld, %ld) ERROR(%d): %s\n",
+             caller, fd, static_cast<long>(offset), static_cast<long>(len), rc, strerror(rc));
+    return rc;
+}
+
 int W_open(const char* caller, const char* path, int flags, mode_t mode)
 {
     const int rc = open(path, flags, mode);
@@ -257,7 +266,10 @@ int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrl
     const long offered = addrlen != nullptr ? static_cast<long>(*addrlen) : 0L;
     const int rc = accept(fd, addr, addrlen);
     // A drained queue ends every accept cycle on a non-blocking listener; it is not an error.
-    if (rc == -1 && errno != EAGAIN && errno != EWOULDBLOCK) {
+    // Running out of descriptors repeats on every readiness event until some are free: the
+    // caller reports it at a rate it limits.
+    if (rc == -1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EMFILE &&
+        errno != ENFILE) {
         const errno_keeper ek;
         zlog(L_ERR, "%s: accept(%d, %p, %ld) ERROR(%d): %s\n", caller, fd,
              static_cast<void*>(addr), offered, ek.saved, strerror(ek.saved));

@@ -414,14 +414,25 @@ int handle_sig(int signo, sig_handler_fn handler)
     return 0;
 }
 
-int ignore_sigpipe()
+// Messages go out under the name of `who`.
+static int ignore_signal(const char* who, int signo, const char* name)
 {
-    if (install_handler(SIGPIPE, SIG_IGN) != 0) {
+    if (install_handler(signo, SIG_IGN) != 0) {
         const int err = errno;
-        zlogf(L_ERR, "%s: sigaction (SIGPIPE) ERROR(%d): %s\n", err, strerror(err));
+        zlog(L_ERR, "%s: sigaction (%s) ERROR(%d): %s\n", who, name, err, strerror(err));
         return -1;
     }
     return 0;
+}
+
+int ignore_sigpipe()
+{
+    return ignore_signal(__func__, SIGPIPE, "SIGPIPE");
+}
+
+int ignore_sigxfsz()
+{
+    return ignore_signal(__func__, SIGXFSZ, "SIGXFSZ");
 }
 
 // The handlers only set flags, change dispositions and write one record. They mark the signal

@@ -83,10 +83,13 @@ class Agent:
     def write_config(self):
         self.config_path.write_text(render_config(self.vesk))
 
-    def start(self, *extra_args, wait_for="STARTING", timeout=15, env=None):
+    def start(self, *extra_args, wait_for="STARTING", timeout=15, env=None, prefix=()):
+        """Starts the agent; `prefix` is a command that ends by exec-ing the agent's command line
+        given as its further arguments (so that the process is still the agent)."""
         self.write_config()
         self._stderr = open(self.stderr_path, "w")
-        self.proc = subprocess.Popen([VSK_BIN, "-C", str(self.config_path), "-T", *map(str, extra_args)],
+        self.proc = subprocess.Popen([*prefix, VSK_BIN, "-C", str(self.config_path), "-T",
+                                      *map(str, extra_args)],
                                      stdout=subprocess.DEVNULL, stderr=self._stderr,
                                      env=env, cwd=self.dir)
         if wait_for:

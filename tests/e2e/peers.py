@@ -158,12 +158,13 @@ class Route:
     content_length: "auto" (the body's), None (no header) or a value sent as it is; raw: exact
     bytes instead of a composed answer; head_pause: seconds between the two pieces of the head,
     split at head_split (default: its middle); body_cut: send only that many body bytes, then
-    after_cut: "close", "reset" (RST) or "stall" (hold until the peer closes or stall_timeout).
+    after_cut: "close", "reset" (RST), "stall" (hold until the peer closes or stall_timeout) or
+    "resume" (pause for stall_timeout, then send the rest of the body).
     """
 
     def __init__(self, status="200 OK", headers=(), body=b"", content_length="auto", raw=None,
                  head_pause=None, head_split=None, body_cut=None, after_cut="close", stall_timeout=3.0):
-        assert after_cut in ("close", "reset", "stall"), after_cut
+        assert after_cut in ("close", "reset", "stall", "resume"), after_cut
         assert stall_timeout <= 5, "connection threads must end within a few seconds"
         self.status, self.headers, self.body = status, list(headers), bytes(body)
         self.content_length, self.raw = content_length, raw
@@ -283,7 +284,12 @@ class BadSource:
                 self._hold(conn, 1.0)  # let the peer read everything before the close
                 return
             conn.sendall(body[:r.body_cut])
-            if r.after_cut == "stall":
+            if r.after_cut == "resume":
+                self._stop.wait(r.stall_timeout)
+                conn.sendall(body[r.body_cut:])
+                conn.shutdown(socket.SHUT_WR)
+                self._hold(conn, 1.0)
+            elif r.after_cut == "stall":
                 self._hold(conn, r.stall_timeout)
             elif r.after_cut == "reset":
                 conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
@@ -301,6 +307,17 @@ class BadSource:
         for t in threads:
             t.join(timeout=STOP_TIMEOUT)
         assert not any(t.is_alive() for t in threads), "bad_source connection thread did not end"
+
+
+def recv_head(sock):
+    """Bytes received until the end of an HTTP head (or until the peer closed)."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        chunk = sock.recv(4096)
+        if not chunk:
+            break
+        data += chunk
+    return data
 
 
 def udp_send(host, port, payload: bytes):

@@ -95,3 +95,14 @@ def test_a_tool_that_fails_is_reported_failed_not_timed(tmp_path):
     row = next(x for x in table.splitlines() if "| vsk |" in x)
     assert "FAILED" in row and not re.search(r"vsk +run ", r.stdout), table
     assert "| cp -r |" in table and "FAILED" not in table.split("| cp -r |")[1].split("\n")[0]
+
+
+def test_many_requests_in_flight_on_one_listener_are_all_answered(tmp_path):
+    # 300 at once is far above the 64 of the other workloads; the harness raises the listener's
+    # limit with web_input.max_queued only here, after checking that the agent reads the key.
+    r, table, _ = run_bench(tmp_path, "--tools", "vsk", "--inflight", "300",
+                            "--workloads", "INFLIGHT-300")
+    assert r.returncode == 0, r.stdout + r.stderr
+    row = next(x for x in table.splitlines() if x.startswith("| INFLIGHT-300"))
+    cells = [c.strip() for c in row.split("|")[1:-1]]
+    assert cells[1] == "vsk" and float(cells[2]) > 0 and int(cells[4]) == 2, table

@@ -357,3 +357,22 @@ def test_bad_datagrams_never_stop_the_channel(agent, nginx, tmp_path):
     wait_until("the failing downloads to release their locks", lambda: lock_files(a.lock_dir) == [])
     assert os.listdir(a.data_dir) == ["ok.ts"]
     assert [p for p in tmp_path.rglob("*") if p.name.endswith(".lock") or "outside" in p.name] == []
+
+
+# id -> (lock directory under the agent's, lock id, the one line that reports why the lock was
+# not taken). A lock the order never took is neither reported twice nor removed.
+UNTAKEN = {
+    "slash-in-lid": ("lock", "../../escape", r"lid_lock: invalid lock id \[\.\./\.\./escape\]"),
+    "lock-dir-gone": ("nolock", "seg0500", r"lid_lock: open\(.*/nolock/seg0500\.lock,\.\.\.\) ERROR\(2\)"),
+}
+
+
+@pytest.mark.parametrize("case", list(UNTAKEN))
+def test_lock_not_taken_is_reported_once_and_not_released(agent, nginx, case):
+    lock_dir, lid, reason = UNTAKEN[case]
+    nginx.put("u.ts", b"u" * 1000)
+    with_channel(agent, lock_dir=agent.dir / lock_dir).start()
+    text = send(agent, order(lid, dl_url(agent, nginx.url("u.ts"), "u.ts")), r"request failed;")
+    assert len(re.findall(reason, text)) == 1, text
+    assert "lid_unlock" not in text and "unlink(" not in text, text
+    assert "TASK-START" not in text and os.listdir(agent.data_dir) == []

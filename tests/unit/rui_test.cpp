@@ -68,6 +68,21 @@ int loop_pp()
 }
 
 // Whether the peer closed its end within a moment (a reset when data was left unread).
+// What the peer sent before it closed (at most 1 KiB, waiting up to a second).
+std::string read_to_close(int s)
+{
+    std::string got;
+    char buf[1024];
+    pollfd p{s, POLLIN, 0};
+    while (got.size() < sizeof buf && poll(&p, 1, 1000) == 1) {
+        const ssize_t n = recv(s, buf, sizeof buf, MSG_DONTWAIT);
+        if (n <= 0)
+            break;
+        got.append(buf, static_cast<size_t>(n));
+    }
+    return got;
+}
+
 bool peer_closed(int s)
 {
     pollfd p{s, POLLIN, 0};
@@ -93,7 +108,7 @@ protected:
         const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
         ASSERT_EQ(0, rqs_init(&rc));
         // A TCP listener "web" on every IPv4 address, at a port the system picks.
-        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}};
+        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0};
         ASSERT_EQ(0, rui_ctx_init(&cfg_, &g_ctx));
         ASSERT_EQ(0, rui_ctx_start(&g_ctx));
         socklen_t len = sizeof addr_;
@@ -180,6 +195,10 @@ TEST_F(RuiTest, AcceptCycleIsBoundedAndAFullQueueRefusesWithEbusy)
     const int a = connect_one(), b = connect_one();
     EXPECT_EQ(EBUSY, rui_accept(srv_, 64, 0, nullptr));
     EXPECT_EQ(MAX_RUI_QUEUED, queued());
+    const std::string busy = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 1\r\n"
+                             "Content-Length: 0\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(busy, read_to_close(a));
+    EXPECT_EQ(busy, read_to_close(b));
     EXPECT_TRUE(peer_closed(a) && peer_closed(b));
     const std::string text = log_.take();
     EXPECT_TRUE(contains(text, "rui_add_request: Too many user requests (1000) queued\n"));
@@ -235,7 +254,7 @@ TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
     addr.sin_port = htons(static_cast<uint16_t>(ntohs(addr.sin_port) + 1));
     const std::string port = std::to_string(ntohs(addr.sin_port));
     rui_cfg cfg{};
-    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}};
+    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}, 0};
     snprintf(cfg.user[0].port, sizeof cfg.user[0].port, "%s", port.c_str());
     ASSERT_EQ(0, rui_ctx_init(&cfg, &g_ctx));
     ASSERT_EQ(0, rui_ctx_start(&g_ctx));

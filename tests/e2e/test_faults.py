@@ -1,0 +1,398 @@
+"""Local faults as an operator's machine meets them: a full or size-limited disk, sources that stall,
+descriptors running out, a listener full of idle connections, and a quit signal that comes at the
+worst moment. Each test makes the fault with the real thing (a small tmpfs in a private mount
+namespace, a silent source, prlimit) and checks what an operator checks: the agent still answers
+GET / with 204, quits on SIGTERM with 0 within two seconds, is back to its idle descriptors, left no
+wrong or unfinished file, and wrote a bounded log."""
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import pytest
+
+from conftest import free_port, render_config, run_vsk
+from test_daemon import PING, ping, wait_until
+from test_download import BODY, ask, curl, dl_path, fd_count, files_under, wait_fds
+
+KiB = 1024
+LOG_LINES_MAX = 300  # what one fault may add to the log at debug level
+
+
+@pytest.fixture
+def agent(agents):
+    """An agent logging at info level: the log bound is about what a fault adds, not the debug
+    lines of each request."""
+    a = agents()
+    a.vesk["log"]["level"] = "info"
+    return a
+
+
+def log_lines(agent):
+    return agent.log().count("\n")
+
+
+def assert_answers(agent):
+    head = ping(agent.port)
+    assert head.startswith(b"HTTP/1.1 204 "), head
+
+
+def assert_quits_within(agent, seconds=2.0):
+    """SIGTERM ends the agent with status 0 within `seconds`."""
+    t0 = time.monotonic()
+    agent.proc.send_signal(signal.SIGTERM)
+    try:
+        rc = agent.proc.wait(timeout=seconds)
+    except subprocess.TimeoutExpired:
+        raise AssertionError(f"no exit {seconds}s after SIGTERM\n{agent.log()[-2000:]}")
+    agent.returncode = rc
+    agent._stderr.close()
+    assert rc == 0, agent.log()[-2000:]
+    assert time.monotonic() - t0 < seconds
+
+
+def no_unfinished(root):
+    return [f for f in files_under(root) if f.endswith("-Vesk")]
+
+
+def cpu_seconds(pid):
+    fields = open(f"/proc/{pid}/stat").read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+# ---- Disk ---------------------------------------------------------------------------------------
+
+def can_mount_tmpfs():
+    if os.geteuid() != 0 or not shutil.which("unshare"):
+        return False
+    r = subprocess.run(["unshare", "-m", "--propagation", "private", "sh", "-c",
+                        "mount -t tmpfs -o size=64k tmpfs /mnt"], capture_output=True, timeout=10)
+    return r.returncode == 0
+
+
+needs_tmpfs = pytest.mark.skipif(not can_mount_tmpfs(),
+                                 reason="no private mount namespace with a tmpfs here (needs root)")
+
+
+def start_on_tmpfs(agent, size):
+    """Runs the agent in a mount namespace of its own whose data directory is a tmpfs of `size`
+    bytes; the test reaches that directory through /proc/<pid>/root."""
+    script = f'mount -t tmpfs -o size={size} vsk-e2e "{agent.data_dir}" && exec "$@"'
+    agent.start(prefix=("unshare", "-m", "--propagation", "private", "sh", "-c", script, "sh"))
+    return type(agent.data_dir)(f"/proc/{agent.proc.pid}/root{agent.data_dir}")
+
+
+def fill(path, leave=0):
+    """Writes a file until the filesystem has at most `leave` bytes left."""
+    with open(path, "wb") as f:
+        try:
+            while True:
+                st = os.statvfs(path)
+                room = st.f_bavail * st.f_frsize - leave
+                if room <= 0:
+                    break
+                f.write(b"\0" * min(room, 64 * KiB))
+                f.flush()
+        except OSError:
+            pass
+
+
+@needs_tmpfs
+def test_disk_already_full_fails_the_download_cleanly(agent, nginx):
+    nginx.put("full.ts", BODY * 4)  # the head and its body arrive together, as a small file does
+    data = start_on_tmpfs(agent, 256 * KiB)
+    fill(data / "filler")
+    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
+    for i in range(3):
+        ask(agent, nginx.url("full.ts"), f"d/full{i}.ts", expect=(500, "Service error"))
+    agent.wait_for_log(r"TASK-END ", count=3)
+    assert_answers(agent)
+    log = agent.log()
+    assert "posix_fallocate(" in log and "ERROR(28): No space left on device" in log
+    assert files_under(data) == ["filler"]
+    assert wait_fds(agent.proc.pid, idle) == idle
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    assert_quits_within(agent)
+
+
+@needs_tmpfs
+def test_disk_filling_during_a_download(agent, bad_source):
+    body = bytes(range(256)) * 400  # 100 KiB
+    bad_source.route("/slow.ts", body=body, body_cut=10 * KiB, after_cut="resume", stall_timeout=1.5)
+    bad_source.route("/late.ts", body=body)
+    data = start_on_tmpfs(agent, 512 * KiB)
+    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
+    ask(agent, bad_source.url("slow.ts"), "slow.ts")
+    # The body is paused at 10 KiB: the disk fills up under the running download.
+    fill(data / "filler")
+    assert_answers(agent)
+    agent.wait_for_log(r"downloaded: 102400 bytes")
+    assert (data / "slow.ts").read_bytes() == body
+    # The next one finds no room and is refused without a trace on the disk.
+    ask(agent, bad_source.url("late.ts"), "late.ts", expect=(500, "Service error"))
+    agent.wait_for_log(r"TASK-END ", count=2)
+    assert sorted(files_under(data)) == ["filler", "slow.ts"]
+    assert wait_fds(agent.proc.pid, idle) == idle
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    assert_quits_within(agent)
+
+
+@pytest.mark.parametrize("mmap_mb", [1, 0], ids=["mapped", "written"])
+def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
+    nginx.put("big.ts", BODY * 20)  # 200 KiB
+    agent.vesk["max_mmap_mb"] = mmap_mb
+    agent.start()
+    subprocess.run(["prlimit", f"--pid={agent.proc.pid}", f"--fsize={64 * KiB}"], check=True)
+    idle = fd_count(agent.proc.pid)
+    ask(agent, nginx.url("big.ts"), "big.ts", expect=(500, "Service error"))
+    agent.wait_for_log(r"TASK-END ")
+    assert "ERROR(27): File too large" in agent.log()
+    assert files_under(agent.data_dir) == []
+    assert_answers(agent)
+    assert wait_fds(agent.proc.pid, idle) == idle
+    assert_quits_within(agent)
+
+
+# ---- Stalled sources ----------------------------------------------------------------------------
+
+def never_accepting_port():
+    """A listener whose one-place queue is taken: further SYNs are dropped, so a connect to it
+    hangs as one to a host that drops the SYN."""
+    srv = socket.socket()
+    srv.bind(("127.0.0.1", 0))
+    srv.listen(0)
+    filler = socket.create_connection(srv.getsockname())
+    return srv, filler
+
+
+STALLS = {
+    # route of the source, or None for a port that never accepts; what the requester gets
+    "silent": (dict(raw=b"", body_cut=0, after_cut="stall", stall_timeout=4), 504),
+    "mid_body": (dict(body=BODY, body_cut=1000, after_cut="stall", stall_timeout=4), 200),
+    "syn_dropped": (None, 504),
+}
+
+
+@pytest.mark.parametrize("case", STALLS)
+def test_stalled_tasks_end(agent, bad_source, nginx, case):
+    route, status = STALLS[case]
+    held = None
+    if route is None:
+        held = never_accepting_port()
+        url = f"http://127.0.0.1:{held[0].getsockname()[1]}/s.ts"
+    else:
+        bad_source.route("/s.ts", **route)
+        url = bad_source.url("s.ts")
+    nginx.put("ok.ts", BODY)
+    agent.vesk.update(end_stalled_tasks=True, task_tmout_ms=400, max_tasks=1)
+    agent.start()
+    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
+    try:
+        answers = []
+        t = threading.Thread(target=lambda: answers.append(curl(agent.port, dl_path(url, "s.ts"))))
+        t.start()
+        agent.wait_for_log(r"TASK-START ")
+        # The one task slot is taken while the source stalls, yet the agent answers.
+        assert_answers(agent)
+        t.join(timeout=8)
+        assert answers and answers[0].status == status, answers
+        agent.wait_for_log(r"\) timed out after \d+ ms\n")
+        agent.wait_for_log(r"TASK-END ")
+    finally:
+        if held:
+            for s in held:
+                s.close()
+    assert files_under(agent.data_dir) == []
+    # The slot is free again.
+    ask(agent, nginx.url("ok.ts"), "ok.ts")
+    # The answer goes out with the head; the file is in place once the body is.
+    agent.wait_for_log(r"downloaded: \d+ bytes, \[[^]]*ok\.ts\]")
+    assert (agent.data_dir / "ok.ts").read_bytes() == BODY
+    assert wait_fds(agent.proc.pid, idle) == idle
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    assert_quits_within(agent)
+
+
+def test_sigterm_while_a_source_is_silent(agent, bad_source):
+    bad_source.route("/s.ts", raw=b"", body_cut=0, after_cut="stall", stall_timeout=4)
+    agent.vesk.update(end_stalled_tasks=True, task_tmout_ms=60000)
+    agent.start()
+    answers = []
+    t = threading.Thread(target=lambda: answers.append(curl(agent.port, dl_path(bad_source.url("s.ts"), "s.ts"))))
+    t.start()
+    agent.wait_for_log(r"TASK-START ")
+    assert_answers(agent)
+    assert_quits_within(agent)
+    t.join(timeout=5)
+    assert answers and answers[0].status == 500, answers
+    assert files_under(agent.data_dir) == []
+
+
+# ---- Descriptors and the request queue ----------------------------------------------------------
+
+def connect_idle(port, n):
+    return [socket.create_connection(("127.0.0.1", port), timeout=5) for _ in range(n)]
+
+
+@pytest.mark.parametrize("end", ["recovers", "sigterm"])
+def test_out_of_descriptors_backs_off(agent, end):
+    agent.vesk["urq_tmout_sec"] = 60  # idle clients keep their descriptors for the whole test
+    agent.start()
+    pid = agent.proc.pid
+    idle = fd_count(pid)
+    subprocess.run(["prlimit", f"--pid={pid}", f"--nofile={idle + 3}"], check=True)
+    holders = connect_idle(agent.port, 3)
+    agent.wait_for_log(r"Accepted .* request", count=3)
+    lines, cpu0, t0 = log_lines(agent), cpu_seconds(pid), time.monotonic()
+    # These wait in the kernel's queue: accept() fails with EMFILE for as long as the holders stay.
+    waiting = connect_idle(agent.port, 20)
+    pinged = []
+    pinger = threading.Thread(target=lambda: pinged.append(ping(agent.port)))
+    pinger.start()
+    time.sleep(2)
+    cpu = cpu_seconds(pid) - cpu0
+    assert cpu < 0.3 * (time.monotonic() - t0), f"{cpu:.2f}s of CPU while out of descriptors"
+    log = agent.log()
+    warnings = log.count("not accepting for 100 ms")
+    assert 1 <= warnings <= 4, log[-3000:]
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    if end == "sigterm":
+        assert_quits_within(agent)
+    for s in holders + waiting:
+        s.close()
+    pinger.join(timeout=10)
+    if end == "recovers":
+        # Once descriptors are free, what waited is served.
+        assert pinged and pinged[0].startswith(b"HTTP/1.1 204 "), pinged
+        assert_answers(agent)
+        assert " such errors suppressed)" in agent.log()
+        assert wait_fds(pid, idle) == idle
+        assert_quits_within(agent)
+
+
+def test_full_listener_answers_503(agent):
+    agent.vesk["urq_tmout_sec"] = 60
+    agent.vesk["web_input"][0]["max_queued"] = 3
+    agent.start()
+    idle = fd_count(agent.proc.pid)
+    holders = connect_idle(agent.port, 3)
+    agent.wait_for_log(r"Accepted .* request", count=3)
+    for _ in range(2):
+        with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+            s.sendall(PING)
+            head = b""
+            while chunk := s.recv(4096):
+                head += chunk
+        assert head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n"), head
+        assert b"\r\nRetry-After: 1\r\n" in head, head
+    for s in holders:
+        s.close()
+    wait_until("the idle clients to go", lambda: fd_count(agent.proc.pid) == idle)
+    assert_answers(agent)
+    assert_quits_within(agent)
+
+
+# ---- Configuration ------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("change, text", [
+    (lambda v: v["web_input"].update(max_accept=0), "vesk.web_input.max_accept = 0 is out of range (1..1024)"),
+    (lambda v: v["web_input"].update(max_accept=-5), "vesk.web_input.max_accept = -5 is out of range (1..1024)"),
+    (lambda v: v["web_input"].update(max_accept=1025), "vesk.web_input.max_accept = 1025 is out of range (1..1024)"),
+    (lambda v: v["web_input"].update(max_queued=0), "web_input.max_queued = 0 is out of range (1..100000)"),
+    (lambda v: v.update(end_stalled_tasks="yes"), "vesk.end_stalled_tasks must be true or false"),
+    (lambda v: v.update(end_stalled_tasks=True, task_tmout_ms=0), "vesk.task_tmout_ms must be at least 1"),
+], ids=["accept-0", "accept-neg", "accept-1025", "queued-0", "stalled-text", "stalled-no-tmout"])
+def test_bad_fault_settings_are_refused(tmp_path, change, text):
+    vesk = {"log": {"file": str(tmp_path / "vsk.log"), "level": "info", "enable_syslog": False},
+            "runtime": {"non_daemon": True, "pidfile": str(tmp_path / "vsk.pid")},
+            "web_input": {"ifc": "lo", "port": free_port()}, "data_dir": str(tmp_path)}
+    change(vesk)
+    (tmp_path / "vsk.conf").write_text(render_config(vesk))
+    r = run_vsk("-C", tmp_path / "vsk.conf")
+    assert r.returncode == 1 and text in r.stderr, r.stderr
+
+
+# ---- The quit signal ----------------------------------------------------------------------------
+
+SHIM = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <time.h>
+#include <unistd.h>
+
+/* Widens the moment between the loop's last look at its quit flag and a wait without time-out:
+   each such wait is announced in $SHIM_MARK, then delayed; a signal during the delay is handled
+   there. */
+static void pause_before(int timeout)
+{
+    if (timeout >= 0)
+        return;
+    const char* mark = getenv("SHIM_MARK");
+    if (mark) {
+        int fd = open(mark, O_WRONLY | O_APPEND | O_CREAT, 0644);
+        if (fd >= 0) {
+            (void)!write(fd, "w\n", 2);
+            close(fd);
+        }
+    }
+    struct timespec ts = {0, 700 * 1000000L};
+    while (nanosleep(&ts, &ts) != 0) {
+    }
+}
+
+int epoll_wait(int epfd, struct epoll_event* ev, int n, int timeout)
+{
+    int (*real)(int, struct epoll_event*, int, int) = dlsym(RTLD_NEXT, "epoll_wait");
+    pause_before(timeout);
+    return real(epfd, ev, n, timeout);
+}
+
+int epoll_pwait(int epfd, struct epoll_event* ev, int n, int timeout, const sigset_t* mask)
+{
+    int (*real)(int, struct epoll_event*, int, int, const sigset_t*) = dlsym(RTLD_NEXT, "epoll_pwait");
+    pause_before(timeout);
+    return real(epfd, ev, n, timeout, mask);
+}
+"""
+
+
+@pytest.fixture(scope="module")
+def wait_shim(tmp_path_factory):
+    d = tmp_path_factory.mktemp("shim")
+    (d / "shim.c").write_text(SHIM)
+    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", str(d / "shim.so"), str(d / "shim.c"),
+                    "-ldl"], check=True, capture_output=True, timeout=60)
+    return d / "shim.so"
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT], ids=lambda s: s.name)
+def test_quit_signal_before_an_unbounded_wait_is_not_lost(agent, wait_shim, sig):
+    mark = agent.dir / "waits"
+    env = dict(os.environ, LD_PRELOAD=str(wait_shim), SHIM_MARK=str(mark),
+               ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
+    agent.start(env=env)
+    waits = lambda: mark.read_text().count("w") if mark.exists() else 0  # noqa: E731
+    wait_until("the first unbounded wait", lambda: waits() > 0)
+    before = waits()
+    assert_answers(agent)
+    # Right after the answer the loop goes back to a wait without time-out; the signal comes while
+    # the shim holds it on the way there.
+    wait_until("an unbounded wait", lambda: waits() > before)
+    t0 = time.monotonic()
+    agent.proc.send_signal(sig)
+    try:
+        rc = agent.proc.wait(timeout=2)
+    except subprocess.TimeoutExpired:
+        raise AssertionError(f"quit signal lost\n{agent.log()[-1500:]}")
+    agent.returncode = rc
+    agent._stderr.close()
+    assert rc == 0 and time.monotonic() - t0 < 2
+    log = agent.log()
+    assert f"QUIT-SIG({int(sig)})\n" in log and "rqs_wait interrupted, quit=1\n" in log
