@@ -4,7 +4,7 @@
 set -euo pipefail
 
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
-      libgtest-dev python3 python3-pytest redis-server nginx curl socat)
+      libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat)
 
 missing=()
 for p in "${PKGS[@]}"; do

@@ -150,6 +150,7 @@ int init_vesk_ctx()
             step = "?";
             if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
                 break;
+            lbdb_set_link_opts(&g_cfg->lbdb);
             if ((rc = lbdb_connect(g_cfg->lbdb.host, g_cfg->lbdb.port, g_cfg->lbdb.tmout)))
                 break;
         }
@@ -853,6 +854,18 @@ int complete_download(dw_task* dw)
     return 0;
 }
 
+// Completion of a registration sent on the loop; `arg` is the URL, ours to free. Drops from the
+// waiting queue have their own (rate-limited) lines.
+static void on_lbdb_added(void* arg, int rc, int status)
+{
+    char* url = static_cast<char*>(arg);
+    if (rc && status != LBQ_ST_EXPIRED && status != LBQ_ST_DROPPED)
+        zlog(L_ERR, "%s: failed to add [%s]\n", "add_lbdb_url", url);
+    else if (rc == 0)
+        zlogf(L_DEBUG, "%s: added [%s]\n", url);
+    free(url);
+}
+
 int add_lbdb_url(const dw_spec* spec)
 {
     ZASSERT(g_cfg->seg_url_pfx[0] && spec->dst_path[0]);
@@ -864,6 +877,17 @@ int add_lbdb_url(const dw_spec* spec)
     }
     zlogf(L_INFO, "%s: id=[%s], url=[%s], expiry=%lu\n", spec->dst_path, url,
           static_cast<unsigned long>(spec->expiry_tm));
+    if (lbdb_link_on()) {
+        // On the loop the outcome arrives later; 0 here means the registration was taken.
+        char* copy = strdup(url);
+        if (!copy)
+            log_abort("%s: out of memory\n", __func__);
+        if (lbdb_add_segurl_cb(spec->dst_path, url, spec->expiry_tm, on_lbdb_added, copy) == 0)
+            return 0;
+        free(copy);
+        zlogf(L_ERR, "%s: failed to add [%s]\n", url);
+        return -1;
+    }
     const int rc = lbdb_add_segurl(spec->dst_path, url, spec->expiry_tm);
     if (rc)
         zlogf(L_ERR, "%s: failed to add [%s]\n", url);

@@ -16,6 +16,8 @@
 #include "cfg.h"
 #include "data.h"
 #include "fdio.h"
+#include "ioh.h"
+#include "lbquery.h"
 #include "log.h"
 #include "meta.h"
 #include "rq.h"
@@ -357,6 +359,9 @@ int runtime_setup()
 int app_start()
 {
     int rc = rqs_init(&k_rqs_cfg);
+    // The registry's start-up connection has been checked; from here on it runs on the loop.
+    if (rc == 0 && g_cfg->lbdb.port > 0)
+        rc = lbdb_link_start();
     if (rc == 0)
         rc = rui_ctx_start(&g_ctx.rui);
     if (rc == 0 && g_cfg->udp_cha.url[0])
@@ -428,6 +433,8 @@ int on_read(int fd, int err, void* udata, void* aux)
     }
     case RSC_TAG:
         return on_srv_accept(fd, err, static_cast<rui_socket_ctx*>(udata), aux);
+    case IOH_TAG:
+        return ioh_dispatch(udata, RQS_READ, err);
     case UDL_TAG:
         log_set_group(g_log, "uDl");
         return udl_accept(static_cast<udl_ctx*>(udata));
@@ -451,6 +458,8 @@ int on_write(int fd, int err, void* udata, void* aux)
     zlogf(L_DEBUG, "%s: %s [%s] (%p) err=%d\n", err_word(err), tag->sym4, udata, err);
     if (tag->num == DOW_TAG)
         return dw_write(static_cast<dw_task*>(udata));
+    if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, RQS_WRITE, err);
     zlogf(L_PANIC, "%s: tag=[%s] err=%d, udata=%p, aux=%p - why are we here?\n", tag->sym4, err,
           udata, aux);
     log_backtrace("Aborting");
@@ -468,6 +477,8 @@ int on_error(int fd, int err, void* udata, void* aux)
         urq_error(static_cast<dw_urq*>(udata), is_hup);
     else if (tag->num == RSC_TAG)
         rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), is_hup);
+    else if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, 0, err);
     return 0;
 }
 
