@@ -865,8 +865,9 @@ void on_connect(const redisAsyncContext* ac, int status)
     if (ac != g_link.ac)
         return;
     if (status != REDIS_OK) {
+        // The connect's error is in the inner context: hiredis copies it out only afterwards.
         char why[160];
-        snprintf(why, sizeof(why), "ERROR(%d): %s", ac->err, ac->errstr);
+        snprintf(why, sizeof(why), "ERROR(%d): %s", ac->c.err, ac->c.errstr);
         link_lost(why);
         return;
     }

@@ -172,6 +172,11 @@ void destroy_vesk_ctx()
 {
     pprm_task_cleanup();
     rm_all_tasks();
+    // After the tasks: none of them waits for a look-up any more.
+    if (g_ctx.rsv_on) {
+        rsv_destroy();
+        g_ctx.rsv_on = false;
+    }
     udl_ctx_destroy(&g_ctx.udl);
     rui_ctx_destroy(&g_ctx.rui);
     pprm_requests();
@@ -244,20 +249,62 @@ void set_dw_state(dw_task* dw, n32_tag state)
     dw->state = state;
 }
 
-int connect_to_src(const char* url, usock_ctx* sctx)
+int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
 {
     memset(sctx, 0, sizeof(*sctx));
     sctx->inbound = false;
     sctx->non_blocking = true;
     sctx->skip_http = true; // the GET goes out from request_data_stream once connected
     sctx->timeout_ms = DW_SRC_TMOUT_MS;
+    sctx->host_addr = addr;
     const int fd = usock_open(url, sctx);
+    sctx->host_addr = nullptr;
     if (fd < 0) {
         zlogf(L_ERR, "%s: failed to open [%s]\n", url);
         return -1;
     }
     zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
     return fd;
+}
+
+static void answer_client(dw_task* dw);
+
+// Connects the task to its source at `addr` (null: the URL's own host) and waits for the
+// connection to become writable. 0, or the failure (logged); the caller removes the task.
+static int open_source(dw_task* dw, const char* addr)
+{
+    dw->sfd = connect_to_src(dw->spec.url, addr, &dw->sctx);
+    if (dw->sfd == -1)
+        return -1;
+    if (const int rc = rqs_add_writer(dw->sfd, dw)) {
+        zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
+        return rc;
+    }
+    set_dw_state(dw, dw_state("ini"));
+    ZASSERT(dw->tag.num == DOW_TAG);
+    return 0;
+}
+
+// The end of the look-up of a task's source host. A name that did not resolve fails the task as
+// an unreachable source always has: the client gets the 500 a failed open gives.
+static void on_src_resolved(void* arg, int status, const char* addr)
+{
+    auto* dw = static_cast<dw_task*>(arg);
+    const group_guard gg(dw);
+    dw->res_wait = nullptr;
+    ZASSERT(dw->tag.num == DOW_TAG && state_is(dw, "res"));
+    int rc = -1;
+    if (status == 0)
+        rc = open_source(dw, addr);
+    else
+        zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+    if (rc == 0)
+        return;
+    if (dw->cfd >= 0) {
+        dw->hresp = &g_resp_err;
+        answer_client(dw);
+    }
+    (void)pprm_task(dw);
 }
 
 int mk_dw_task(int cfd, const dw_spec* spec)
@@ -296,18 +343,23 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         }
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
-    dw->sfd = connect_to_src(dw->spec.url, &dw->sctx);
-    if (dw->sfd == -1) {
-        free_dw(dw);
-        return -1;
+    // A source named by a host name is looked up on the loop first; the task waits in "res".
+    char host[DW_URL_LEN];
+    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
+        !rsv_is_numeric(host)) {
+        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
+        if (!dw->res_wait) {
+            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+            free_dw(dw);
+            return -1;
+        }
+        set_dw_state(dw, dw_state("res"));
+        return 0;
     }
-    if (const int rc = rqs_add_writer(dw->sfd, dw)) {
-        zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
+    if (const int rc = open_source(dw, nullptr)) {
         free_dw(dw);
         return rc;
     }
-    set_dw_state(dw, dw_state("ini"));
-    ZASSERT(dw->tag.num == DOW_TAG);
     return 0;
 }
 
@@ -360,6 +412,10 @@ void free_dw(dw_task* dw)
              static_cast<long>(dw->spec.expiry_tm), dw->spec.lid);
     dw->tag.sym4[0] = '#';
     (void)unhash_task(dw);
+    if (dw->res_wait) {
+        rsv_cancel(dw->res_wait);
+        dw->res_wait = nullptr;
+    }
 
     if (dw->sfd > 0) {
         // A state is only set once the socket was registered; closing alone would leave the

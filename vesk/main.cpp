@@ -362,6 +362,8 @@ int app_start()
     // The registry's start-up connection has been checked; from here on it runs on the loop.
     if (rc == 0 && g_cfg->lbdb.port > 0)
         rc = lbdb_link_start();
+    if (rc == 0 && (rc = rsv_init(g_cfg->resolve_tmout_ms)) == 0)
+        g_ctx.rsv_on = true;
     if (rc == 0)
         rc = rui_ctx_start(&g_ctx.rui);
     if (rc == 0 && g_cfg->udp_cha.url[0])
