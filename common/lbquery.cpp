@@ -774,9 +774,9 @@ void fail_queue(int status)
 // down without reconnection. Safe inside hiredis callbacks: nothing is freed here but commands.
 void link_lost(const char* why)
 {
+    // The descriptor's registration is left to the adapter's cleanup, which hiredis calls
+    // before it closes the descriptor.
     g_link.ac = nullptr;
-    g_link.io.fd = -1;
-    g_link.io.interest = 0;
     if (g_link.state == LINK_OFF || g_link.state == LINK_DEAD || g_link.state == LINK_WAIT)
         return;
     if (g_link.state == LINK_READY)
@@ -804,10 +804,11 @@ void drop_link(const char* why)
     redisAsyncContext* ac = g_link.ac;
     if (!ac)
         return;
-    // A context that never connected gets no disconnect callback: link_lost() is called here
-    // for both cases, and the callback's call finds the state already changed.
-    redisAsyncFree(ac);
+    // The link is given up first, with the real reason: the disconnect callback of the free
+    // then no longer sees its context as the link's (and a context that never connected gets
+    // no such callback at all).
     link_lost(why);
+    redisAsyncFree(ac);
 }
 
 // ---- hiredis adapter: its read and write interest on our loop. ----
