@@ -297,9 +297,12 @@ rsv_wait* rsv_lookup(const char* host, rsv_done_fn fn, void* arg)
             log_abort("%s: out of memory\n", __func__);
         snprintf(lk->host, sizeof(lk->host), "%s", host);
         lk->deadline_ms = mono_ms() + g_rsv.tmout_ms;
-        lk->next = g_rsv.lookups;
+        // Appended: answers are handed out in the order the names were asked for.
+        lookup** tail = &g_rsv.lookups;
+        while (*tail)
+            tail = &(*tail)->next;
+        *tail = lk;
         lk->listed = true;
-        g_rsv.lookups = lk;
         g_rsv.nlookups += 1;
         lk->in_ares = true;
         ares_addrinfo_hints hints{};
