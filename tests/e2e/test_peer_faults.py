@@ -134,6 +134,37 @@ def test_restarted_redis_gets_the_queued_registrations(agent, redis, nginx, tmp_
     assert agent.stop() == 0
 
 
+def raw_get(port, path):
+    """One GET without curl's start-up cost; returns the answer's status line."""
+    with socket.create_connection(("127.0.0.1", port), timeout=5) as s:
+        s.sendall(f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n".encode())
+        data = b""
+        while b"\r\n" not in data and (chunk := s.recv(4096)):
+            data += chunk
+        return data.split(b"\r\n", 1)[0]
+
+
+def test_drops_are_logged_with_a_rate_limit(agent, redis):
+    """No room to wait and the link down: every registration is dropped, at most ten lines a
+    second name them, the rest are counted."""
+    redis_agent(agent, redis, reconnect_ms=60000, max_pending=0)
+    agent.wait_for_log("lbdb_link: link to .* ready")
+    redis.stop()
+    agent.wait_for_log(r"lbdb_link: link to 127\.0\.0\.1:\d+ lost")
+    prefix = agent.vesk["local_url_prefix"].rstrip("/")
+    for i in range(30):  # our own URLs: only registered, answered at once
+        assert raw_get(agent.port, dl_path(f"{prefix}/live/r{i}.ts", f"live/r{i}.ts", "expiry=600")) == b"HTTP/1.1 200 OK"
+    agent.wait_for_log(r"lbdb_drop: \d+ more queued commands dropped")
+    log = agent.log()
+    named = re.findall(r"lbdb_drop: dropped \[live/r(\d+)\.ts\] \(queue full\)", log)
+    counted = sum(int(n) for n in re.findall(r"lbdb_drop: (\d+) more queued commands dropped", log))
+    assert len(named) <= 20 and counted >= 10 and len(named) + counted == 30, log[-3000:]
+    nums = [int(n) for n in named]
+    assert nums[0] == 0 and nums == sorted(set(nums)), named  # in the order they were dropped
+    assert "failed to add" not in log
+    assert agent.stop() == 0
+
+
 # ---- Names ----------------------------------------------------------------------------------------
 
 class NameServer:
