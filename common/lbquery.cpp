@@ -1085,9 +1085,10 @@ static void link_stop()
         redisAsyncFree(ac);
         g_link.ac = nullptr;
     }
+    // A queue of thousands at shut-down is reported like any other drop, under the rate limit.
     while (lbdb_cmd* c = lbdb_pq_pop(&g_link.queue)) {
         log_drop(c, "shut-down");
-        finish_cmd(c, nullptr, LBQ_ST_DOWN);
+        finish_cmd(c, nullptr, LBQ_ST_DROPPED);
     }
     if (g_link.drop_quiet)
         zlog(L_WARN, "%s: %lu more queued commands dropped\n", "lbdb_drop", g_link.drop_quiet);

@@ -139,9 +139,10 @@ enum : int {
     LBQ_ST_REPLY = 0,   // the reply is given
     LBQ_ST_TIMEOUT = 1, // no reply within the time-out; the link was dropped
     LBQ_ST_LOST = 2,    // the link broke before the reply came
-    LBQ_ST_DOWN = 3,    // never sent: the link is down for good, or the client is shut down
+    LBQ_ST_DOWN = 3,    // never sent: the link went down for good
     LBQ_ST_EXPIRED = 4, // never sent: its expiry passed while it waited (logged as a drop)
-    LBQ_ST_DROPPED = 5, // never sent: pushed out of a full queue (logged as a drop)
+    LBQ_ST_DROPPED = 5, // never sent: pushed out of a full queue or still waiting at shut-down
+                        // (logged as a drop)
 };
 
 // Completion of a command: `reply` is null unless `status` is LBQ_ST_REPLY, and belongs to the
@@ -219,7 +220,7 @@ using lbdb_done_fn = void (*)(void* arg, int rc, int status);
                                      lbdb_done_fn done, void* arg);
 
 // Closes the connection (nothing when not connected). A link on the loop is dropped: commands
-// sent end with LBQ_ST_LOST, waiting ones with LBQ_ST_DOWN.
+// sent end with LBQ_ST_LOST, waiting ones with LBQ_ST_DROPPED.
 void lbdb_disconnect();
 // Disconnects and returns the module to idle, so that lbdb_init() may run again.
 void lbdb_destroy();
