@@ -17,7 +17,7 @@ import conftest
 from conftest import free_port
 from peers import Redis
 from test_daemon import ping
-from test_download import ask, curl, dl_path, files_under, lbdb_agent, zrange
+from test_download import ask, curl, dl_path, files_under, zrange
 
 FAR = 4000000000  # an absolute expiry far ahead
 
