@@ -2,8 +2,16 @@
 RELEASE_DIR := build/release
 TEST_DIR    := build/test
 JOBS        ?= $(shell nproc)
+# `make install` puts the agent under PREFIX, staged under DESTDIR when that is set. The release
+# tree is configured with the prefix, because the installed configuration and unit name
+# absolute paths under it.
+PREFIX      ?= /usr/local
+DESTDIR     ?=
+# `make package` builds the .deb in a tree of its own, configured for /usr and without tests.
+PACKAGE_DIR ?= build/package
+RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps build build-test run test bench clean
+.PHONY: all deps build build-test run test bench install package clean
 
 all: build
 
@@ -11,8 +19,7 @@ deps:
 	@scripts/install-deps.sh
 
 $(RELEASE_DIR)/build.ninja:
-	cmake -S . -B $(RELEASE_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	      -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
+	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS)
 
 $(TEST_DIR)/build.ninja:
 	cmake -S . -B $(TEST_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
@@ -34,6 +41,15 @@ test: deps build-test
 # Download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
 bench: deps build
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
+
+install: deps
+	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target vsk
+	DESTDIR="$(DESTDIR)" cmake --install $(RELEASE_DIR)
+
+package: deps
+	cmake -S . -B $(PACKAGE_DIR) $(RELEASE_FLAGS) -DCMAKE_INSTALL_PREFIX=/usr -DVSK_TESTS=OFF
+	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target package
 
 clean:
 	rm -rf build

@@ -3,8 +3,12 @@
 # As non-root it prints the apt-get command and fails instead.
 set -euo pipefail
 
+# dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
+# and man-db: the manual page checks. systemd is not pulled in for systemd-analyze: the unit check
+# is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
-      libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat)
+      libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat
+      dpkg-dev file groff-base man-db)
 
 missing=()
 for p in "${PKGS[@]}"; do

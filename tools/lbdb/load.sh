@@ -11,7 +11,15 @@ fi
 host=$1
 port=$2
 outdir=$3
-srcdir=$(cd "$(dirname "$0")" && pwd)
+here=$(cd "$(dirname "$0")" && pwd)
+# In the source tree the scripts lie beside the loader; installed as bin/vsk-lbdb-load, they are
+# in share/vsk/lua of the same prefix. Both are found relative to the loader, so a staged or
+# unpacked tree works too.
+if [ -r "$here/add_url.lua" ]; then
+  srcdir=$here
+else
+  srcdir=$here/../share/vsk/lua
+fi
 
 command -v redis-cli >/dev/null 2>&1 || { echo "$0: redis-cli not found" >&2; exit 1; }
 mkdir -p "$outdir"
