@@ -304,7 +304,8 @@ int lbdb_connect(const char* host, int port, timeval tmout)
         zlogf(L_ERR, "%s: redisConnectWithTimeout ERROR(%d): %s\n", c->err, c->errstr);
         redisFree(c);
         rc = -1;
-    } else if (const long ms = g_sync_cmd_ms; redisSetTimeout(c, timeval{ms / 1000, (ms % 1000) * 1000}) != REDIS_OK) {
+    } else if (const long ms = g_sync_cmd_ms;
+               redisSetTimeout(c, timeval{ms / 1000, (ms % 1000) * 1000}) != REDIS_OK) {
         // Without a read time-out a silent Redis would hold the start-up for ever.
         zlogf(L_ERR, "%s: redisSetTimeout(%ld ms) ERROR(%d): %s\n", ms, c->err, c->errstr);
         redisFree(c);
@@ -672,7 +673,8 @@ void finish_cmd(lbdb_cmd* c, const redisReply* reply, int status)
 // Makes the timer fire no later than `at_ms` (monotonic).
 void arm_at(long at_ms)
 {
-    if (g_link.state == LINK_OFF || g_link.timer.fd < 0 || (g_link.armed_ms >= 0 && g_link.armed_ms <= at_ms))
+    if (g_link.state == LINK_OFF || g_link.timer.fd < 0 ||
+        (g_link.armed_ms >= 0 && g_link.armed_ms <= at_ms))
         return;
     const long now = mono_ms();
     if (ioh_timer_arm(&g_link.timer, at_ms > now ? at_ms - now : 0) == 0)
@@ -898,7 +900,11 @@ void on_check(void* arg, const redisReply* reply, int status)
                     reply->element[0]->type == REDIS_REPLY_INTEGER &&
                     reply->element[0]->integer == 1;
     if (!ok) {
-        zlog(L_ERR, "%s: no such script: %s\n", "lbdb_link", sha1);
+        // A Redis still loading its data set answers with an error: worth telling apart.
+        if (reply->type == REDIS_REPLY_ERROR)
+            zlog(L_ERR, "%s: Redis error: %s\n", "lbdb_link", reply->str);
+        else
+            zlog(L_ERR, "%s: no such script: %s\n", "lbdb_link", sha1);
         // Freed from the timer, not inside hiredis's reply callback.
         g_link.check_failed = true;
         arm_at(0);
@@ -934,8 +940,8 @@ lbdb_cmd* make_cmd(lbdb_reply_fn fn, void* arg, long tmout_ms, time_t expire_at,
     return c;
 }
 
-[[gnu::format(printf, 5, 6)]] lbdb_cmd* make_cmdf(lbdb_reply_fn fn, void* arg, long tmout_ms, const char* label,
-                    const char* format, ...)
+[[gnu::format(printf, 5, 6)]] lbdb_cmd* make_cmdf(lbdb_reply_fn fn, void* arg, long tmout_ms,
+                                                  const char* label, const char* format, ...)
 {
     va_list ap;
     va_start(ap, format);
@@ -1124,9 +1130,9 @@ int lbdb_link_start()
         zlogf(L_ERR, "%s: getpeername(fd%d) ERROR(%d): %s\n", g_ctx.redis->fd, err, strerror(err));
         return -1;
     }
-    const void* bin = ss.ss_family == AF_INET6
-                          ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&ss)->sin6_addr)
-                          : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&ss)->sin_addr);
+    const void* bin = &reinterpret_cast<sockaddr_in*>(&ss)->sin_addr;
+    if (ss.ss_family == AF_INET6)
+        bin = &reinterpret_cast<sockaddr_in6*>(&ss)->sin6_addr;
     if (!inet_ntop(ss.ss_family, bin, g_link.addr, sizeof(g_link.addr))) {
         zlogf(L_ERR, "%s: cannot print the address of %s\n", g_cfg.host);
         return -1;

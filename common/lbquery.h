@@ -101,9 +101,9 @@ void lbdb_set_link_opts(const lbdb_cfg* cfg);
 
 // The blocking script calls, on the start-up connection (not after lbdb_link_start(); on the loop
 // use lbdb_add_segurl_cb or lbdb_command). Each asserts that its script was requested at init and
-// that the module is connected. Results: 0; -1 on a Redis error or status, on a script error ("#err: " reply), on a
-// reply outside the call's rule or on a lost connection; 22 on a reply of unexpected shape; 34 when
-// the reply does not fit.
+// that the module is connected. Results: 0; -1 on a Redis error or status, on a script error
+// ("#err: " reply), on a reply outside the call's rule or on a lost connection; 22 on a reply of
+// unexpected shape; 34 when the reply does not fit.
 
 // Registers `url` for segment `segid` with an expiry handed to the script unchanged.
 [[nodiscard]] int lbdb_add_segurl(const char* segid, const char* url, time_t expiry_tm);

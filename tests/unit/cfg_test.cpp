@@ -121,7 +121,8 @@ TEST_F(CfgTest, RefusedFiles)
          "load_lbdb_cfg: lbdb.max_pending must be an integer\n"},
         {conf("resolve_tmout_ms = 0;"),
          "load_config: invalid vesk.resolve_tmout_ms value: 0 (allowed 1..600000)\n"},
-        {conf("resolve_tmout_ms = \"5s\";"), "load_config: vesk.resolve_tmout_ms must be an integer\n"},
+        {conf("resolve_tmout_ms = \"5s\";"),
+         "load_config: vesk.resolve_tmout_ms must be an integer\n"},
     };
     for (const auto& [text, message] : rows) {
         EXPECT_EQ(load(text), -1) << text;
