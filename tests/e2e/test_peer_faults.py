@@ -211,6 +211,8 @@ class NameServer:
 @pytest.fixture
 def name_agent(agents, tmp_path, monkeypatch):
     """An agent in a private mount namespace whose /etc/resolv.conf names one local server."""
+    if os.geteuid() != 0:
+        pytest.skip("a private mount namespace and port 53 need root")
     servers = []
 
     def make(mode):
@@ -261,7 +263,7 @@ def test_name_that_does_not_exist_fails_the_task(name_agent, nginx):
 
 def test_silent_name_server_times_out_while_the_loop_serves(name_agent, nginx):
     agent, ns = name_agent("silent")
-    agent.vesk["resolve_tmout_ms"] = 1500
+    agent.vesk["resolve_tmout_ms"] = 3000
     agent.start()
     srcs = [f"http://slow.vsk-test:{nginx.port}/live/s{i}.ts" for i in (1, 2)]
     t0 = time.monotonic()
@@ -272,15 +274,15 @@ def test_silent_name_server_times_out_while_the_loop_serves(name_agent, nginx):
     assert ping(agent.port).startswith(b"HTTP/1.1 ")
     download(agent, nginx, "fast.ts")
     agent.wait_for_log(r"downloaded: .*live/fast\.ts\]")
-    assert time.monotonic() - t0 < 1.4 and all(p.poll() is None for p in waiting)
+    assert time.monotonic() - t0 < 2.8 and all(p.poll() is None for p in waiting)
 
     for p in waiting:
         out, _ = p.communicate(timeout=10)
         assert out.startswith(b"HTTP/1.1 500 Service error\r\n"), out
-    assert 1.4 < time.monotonic() - t0 < 5
+    assert 2.9 < time.monotonic() - t0 < 8
     log = agent.log()
     assert log.count("rsv_lookup: [slow.vsk-test] looked up") == 1
-    assert log.count("rsv_lookup: [slow.vsk-test] did not resolve: no answer within 1500 ms") == 1
+    assert log.count("rsv_lookup: [slow.vsk-test] did not resolve: no answer within 3000 ms") == 1
     for s in srcs:
         assert f"connect_to_src: failed to open [{s}]" in log
     assert ns.queries >= 1 and files_under(agent.data_dir) == ["live/fast.ts"]
