@@ -14,7 +14,6 @@ import time
 import pytest
 
 import conftest
-from conftest import free_port
 from peers import Redis
 from test_daemon import ping
 from test_download import ask, curl, dl_path, files_under, zrange
@@ -22,11 +21,11 @@ from test_download import ask, curl, dl_path, files_under, zrange
 FAR = 4000000000  # an absolute expiry far ahead
 
 
-def redis_agent(agent, redis, **lbdb):
+def redis_agent(agent, redis, wait_for="STARTING", **lbdb):
     agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port, "sha1_dir": str(redis.sha1_dir),
                           **lbdb}
     agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
-    return agent.start()
+    return agent.start(wait_for=wait_for)
 
 
 def download(agent, nginx, name, expiry=FAR):
@@ -39,12 +38,8 @@ def download(agent, nginx, name, expiry=FAR):
 def test_silent_redis_fails_the_start_within_the_time_outs(agent, redis):
     redis.proc.send_signal(signal.SIGSTOP)
     try:
-        agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port,
-                              "sha1_dir": str(redis.sha1_dir), "connect_tmout_ms": 300,
-                              "cmd_tmout_ms": 400}
-        agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
         t0 = time.monotonic()
-        agent.start(wait_for=None)
+        redis_agent(agent, redis, None, connect_tmout_ms=300, cmd_tmout_ms=400)
         assert agent.wait_exit(timeout=10) == 1
         assert time.monotonic() - t0 < 5
     finally:
