@@ -8,13 +8,11 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <csignal>
 #include <pwd.h>
 #include <sched.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "lbquery.h"
@@ -30,12 +28,7 @@ namespace {
 [[gnu::format(printf, 1, 2)]] void problem(const char* format, ...);
 [[gnu::format(printf, 1, 2)]] void note(const char* format, ...);
 
-volatile sig_atomic_t g_problems = 0;
-
-// What the alarm handler writes when the database accepts the connection and then stays silent:
-// formatted before the alarm is armed, since the handler may only write.
-char g_stall_text[512];
-size_t g_stall_len = 0;
+int g_problems = 0;
 
 void problem(const char* format, ...)
 {
@@ -171,46 +164,6 @@ void check_udp_channel(const udp_lstn_cfg* udp)
                 udp->lkdir);
 }
 
-// Ends a check whose database stopped answering: the note and the verdict, then exit.
-void on_db_stall(int)
-{
-    ssize_t n = write(STDERR_FILENO, g_stall_text, g_stall_len);
-    (void)n;
-    _exit(g_problems ? 1 : 0);
-}
-
-// lbdb_connect bounds the connection by the time-out, but a database that accepts and then does
-// not answer (a paused server) would hold the "script exists" reply, and the check, for ever. An
-// operator's restart must not hang on that: after twice the time-out and a second more the check
-// ends with the database unchecked, as for one that cannot be reached.
-int connect_bounded(const lbdb_cfg* db, long ms)
-{
-    const long limit_ms = 2 * ms + 1000;
-    const int n = snprintf(g_stall_text, sizeof(g_stall_text),
-                           "check: note: database %s:%d did not answer within %ld ms; its scripts "
-                           "were not checked\n%s",
-                           db->host, db->port, limit_ms,
-                           g_problems ? "configuration check FAILED\n" : "configuration OK\n");
-    g_stall_len = n > 0 ? std::min(static_cast<size_t>(n), sizeof(g_stall_text) - 1) : 0;
-
-    struct sigaction sa{};
-    sa.sa_handler = on_db_stall;
-    sigemptyset(&sa.sa_mask);
-    struct sigaction old{};
-    sigaction(SIGALRM, &sa, &old);
-    itimerval timer{};
-    timer.it_value.tv_sec = limit_ms / 1000;
-    timer.it_value.tv_usec = (limit_ms % 1000) * 1000;
-    setitimer(ITIMER_REAL, &timer, nullptr);
-
-    const int rc = lbdb_connect(db->host, db->port, db->tmout);
-
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
-    return rc;
-}
-
 // The digest files, then, when the database answers within its time-out, that its scripts are
 // loaded. Only the calls a start makes, and the module is left idle again.
 void check_database(const lbdb_cfg* db)
@@ -227,12 +180,15 @@ void check_database(const lbdb_cfg* db)
         lbdb_destroy();
         return;
     }
+    // The connection is bounded by the connect time-out and each "script exists" by the command
+    // time-out, so a paused database cannot hold the check.
+    lbdb_set_link_opts(db);
     const long ms = db->tmout.tv_sec * 1000L + db->tmout.tv_usec / 1000L;
-    const int rc = connect_bounded(db, ms);
+    const int rc = lbdb_connect(db->host, db->port, db->tmout);
     if (rc == -1)
         note("database %s:%d not reached within %ld ms, or it refused the check (see above); "
              "its scripts were not checked\n",
-             db->host, db->port, ms);
+             db->host, db->port, ms + lbdb_cmd_tmout_ms(db));
     else if (rc != 0)
         problem("database %s:%d: the registry scripts are not loaded (rc=%d)\n", db->host,
                 db->port, rc);

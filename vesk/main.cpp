@@ -17,6 +17,8 @@
 #include "check.h"
 #include "data.h"
 #include "fdio.h"
+#include "ioh.h"
+#include "lbquery.h"
 #include "log.h"
 #include "meta.h"
 #include "rq.h"
@@ -406,6 +408,11 @@ int runtime_setup()
 int app_start()
 {
     int rc = rqs_init(&k_rqs_cfg);
+    // The registry's start-up connection has been checked; from here on it runs on the loop.
+    if (rc == 0 && g_cfg->lbdb.port > 0)
+        rc = lbdb_link_start();
+    if (rc == 0 && (rc = rsv_init(g_cfg->resolve_tmout_ms)) == 0)
+        g_ctx.rsv_on = true;
     if (rc == 0)
         rc = rui_ctx_start(&g_ctx.rui);
     if (rc == 0 && g_cfg->udp_cha.url[0])
@@ -477,6 +484,8 @@ int on_read(int fd, int err, void* udata, void* aux)
     }
     case RSC_TAG:
         return on_srv_accept(fd, err, static_cast<rui_socket_ctx*>(udata), aux);
+    case IOH_TAG:
+        return ioh_dispatch(udata, RQS_READ, err);
     case UDL_TAG:
         log_set_group(g_log, "uDl");
         return udl_accept(static_cast<udl_ctx*>(udata));
@@ -500,6 +509,8 @@ int on_write(int fd, int err, void* udata, void* aux)
     zlogf(L_DEBUG, "%s: %s [%s] (%p) err=%d\n", err_word(err), tag->sym4, udata, err);
     if (tag->num == DOW_TAG)
         return dw_write(static_cast<dw_task*>(udata));
+    if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, RQS_WRITE, err);
     zlogf(L_PANIC, "%s: tag=[%s] err=%d, udata=%p, aux=%p - why are we here?\n", tag->sym4, err,
           udata, aux);
     log_backtrace("Aborting");
@@ -517,6 +528,8 @@ int on_error(int fd, int err, void* udata, void* aux)
         urq_error(static_cast<dw_urq*>(udata), is_hup);
     else if (tag->num == RSC_TAG)
         rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), is_hup);
+    else if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, 0, err);
     return 0;
 }
 

@@ -10,6 +10,7 @@ import pytest
 
 from conftest import Agent, free_port
 from peers import Nginx, udp_send, udp_send_mcast
+from test_download import registered
 
 GROUP = "239.255.42.17"  # an IPv4 group joined on "lo"; IPv6 multicast does not run on this lo
 
@@ -325,13 +326,13 @@ def test_local_url_with_db_is_registered(agent, nginx, redis):
                 r"add_lbdb_url: id=\[live/b\.ts\]")
     assert "adding local URL to LBDB" in text and f"url=[{prefix}/live/b.ts], expiry=600" in text
     assert "TASK-START" not in text and "request failed;" not in text and "failed to add" not in text
-    assert redis.cli("ZRANGE", "live/b.ts", 0, -1).split() == [f"{prefix}/live/b.ts"]
+    assert list(registered(redis, "live/b.ts")) == [f"{prefix}/live/b.ts"]
     assert 0 < int(redis.cli("TTL", "live/b.ts")) <= 600
     # An order that is downloaded is registered under its local URL as well, without expiry.
     send(agent, order("dbdl1", dl_url(agent, nginx.url("c.ts"), "live/c.ts"), "0"),
          r"lid_unlock: dbdl1 at \[")
     assert (agent.data_dir / "live/c.ts").read_bytes() == payload
-    assert redis.cli("ZRANGE", "live/c.ts", 0, -1).split() == [f"{prefix}/live/c.ts"]
+    assert list(registered(redis, "live/c.ts")) == [f"{prefix}/live/c.ts"]
     assert lock_files(agent.lock_dir) == ["dbloc1.lock"]
 
 
