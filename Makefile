@@ -11,12 +11,15 @@ DESTDIR     ?=
 PACKAGE_DIR ?= build/package
 RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps build build-test run test bench install package clean
+.PHONY: all deps bench-deps build build-test run test bench install package clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
+
+bench-deps:
+	@scripts/install-deps.sh --bench
 
 $(RELEASE_DIR)/build.ninja:
 	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS)
@@ -38,8 +41,10 @@ run: deps build
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
-bench: deps build
+# The release build side by side with cp -r, curl -Z and an aria2c RPC daemon on the same files:
+# one table (build/bench/bench.md) and chart (bench.svg). Not a test; BENCH_ARGS=--quick for a
+# smoke run, BENCH_ARGS="--inflight 4096" adds 4096 requests in flight on one listener.
+bench: bench-deps build
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
 
 install: deps
