@@ -12,6 +12,7 @@
 #include <strings.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,10 +24,12 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "spool.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
 #include "udl.h"
+#include "util.h"
 
 LOG_MODULE(0, -1);
 
@@ -94,7 +97,7 @@ int raise_nofile_limit(size_t max_tasks)
     const size_t ntasks = max_tasks ? max_tasks : static_cast<size_t>(DW_UNLIMITED_TASKS);
     // Limits beyond a few million tasks cannot be met anyway; the cap keeps the product finite.
     const rlim_t need = static_cast<rlim_t>(std::min<size_t>(ntasks, 1u << 24)) * DW_FDS_PER_TASK +
-                        DW_FDS_RESERVE;
+                        DW_FDS_RESERVE + g_cfg->src_pool_max;
     rlimit rl;
     if (getrlimit(RLIMIT_NOFILE, &rl) != 0) {
         const int e = errno;
@@ -154,6 +157,9 @@ int init_vesk_ctx()
         step = "creating task HT";
         if ((rc = skht_create(&g_ctx.task_ht, limit, plHash, nullptr, 0)))
             break;
+        step = "init source pool";
+        if ((rc = spl_init(g_cfg->src_pool_max, g_cfg->src_pool_idle_ms)))
+            break;
         if (g_cfg->lbdb.port > 0) {
             step = "?";
             if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
@@ -181,6 +187,8 @@ void destroy_vesk_ctx()
 {
     pprm_task_cleanup();
     rm_all_tasks();
+    // After the tasks, which may have parked their connections.
+    spl_destroy();
     // After the tasks: none of them waits for a look-up any more.
     if (g_ctx.rsv_on) {
         rsv_destroy();
@@ -319,6 +327,73 @@ static void on_src_resolved(void* arg, int status, const char* addr)
     (void)pprm_task(dw);
 }
 
+// Takes an idle pooled connection to the task's source host and port, if there is one. 0 when
+// the task now waits for it to be writable, like a new connection; -1 when there is none or it
+// cannot be registered (then it is closed).
+static int reuse_source(dw_task* dw)
+{
+    const int fd = spl_take(dw->spec.url);
+    if (fd < 0)
+        return -1;
+    memset(&dw->sctx, 0, sizeof(dw->sctx));
+    dw->sctx.non_blocking = true;
+    dw->sctx.skip_http = true;
+    dw->sctx.timeout_ms = DW_SRC_TMOUT_MS;
+    if (rqs_mod(fd, dw, RQS_WRITE) != 0) {
+        zlogf(L_ERR, "%s: rqs_mod(fd%d,..) failed for %s\n", fd, dw->spec.url);
+        (void)rqs_rm_fd(fd, true, true);
+        (void)W_close(__func__, fd);
+        return -1;
+    }
+    dw->sfd = fd;
+    dw->src_reused = true;
+    set_dw_state(dw, dw_state("ini"));
+    zlogf(L_DEBUG, "%s: fd%d reused for [%s]\n", fd, dw->spec.url);
+    return 0;
+}
+
+// Sets the task on its way to its source: an idle pooled connection to the same host and port
+// when `may_reuse` and there is one, else a look-up of a host name on the loop (the task waits in
+// "res"), else a new connection. 0, or the failure (logged); the caller ends the task.
+static int start_source(dw_task* dw, bool may_reuse)
+{
+    if (may_reuse && spl_on() && reuse_source(dw) == 0)
+        return 0;
+    char host[DW_URL_LEN];
+    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
+        !rsv_is_numeric(host)) {
+        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
+        if (!dw->res_wait) {
+            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+            return -1;
+        }
+        set_dw_state(dw, dw_state("res"));
+        return 0;
+    }
+    return open_source(dw, nullptr);
+}
+
+// A pooled connection that the source closed before it answered is not the download's failure:
+// the task starts over once on a new connection, and its client sees only the one answer. When
+// that cannot start, the client gets the 500 of a failed open and the task is listed for removal.
+static void retry_on_new_source(dw_task* dw)
+{
+    zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
+    (void)rqs_rm_fd(dw->sfd, true, true);
+    usock_close(dw->sfd, &dw->sctx);
+    dw->sfd = -1;
+    dw->src_reused = false;
+    dw->state.num = 0;
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+    if (start_source(dw, false) == 0)
+        return;
+    if (dw->cfd >= 0) {
+        dw->hresp = &g_resp_err;
+        answer_client(dw);
+    }
+    (void)pprm_task(dw);
+}
+
 int mk_dw_task(int cfd, const dw_spec* spec)
 {
     zlogf(L_DEBUG, "%s: fd%d url=[%s]\n", cfd, spec->url);
@@ -355,20 +430,7 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         }
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
-    // A source named by a host name is looked up on the loop first; the task waits in "res".
-    char host[DW_URL_LEN];
-    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
-        !rsv_is_numeric(host)) {
-        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
-        if (!dw->res_wait) {
-            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
-            free_dw(dw);
-            return -1;
-        }
-        set_dw_state(dw, dw_state("res"));
-        return 0;
-    }
-    if (const int rc = open_source(dw, nullptr)) {
+    if (const int rc = start_source(dw, true)) {
         free_dw(dw);
         return rc;
     }
@@ -432,9 +494,17 @@ void free_dw(dw_task* dw)
     if (dw->sfd > 0) {
         // A state is only set once the socket was registered; closing alone would leave the
         // loop's count of its descriptors too high.
-        if (dw->state.num)
-            (void)rqs_rm_fd(dw->sfd, true, true);
-        usock_close(dw->sfd, &dw->sctx);
+        // A connection whose answer was read to its last byte may serve the next download from
+        // the same source; the pool keeps it registered with the loop.
+        const bool parked = dw->state.num && dw->src_keep && dw->content_length > 0 &&
+                            dw->nleft == 0 && !g_quit && spl_put(dw->spec.url, dw->sfd);
+        if (parked) {
+            usock_close(-1, &dw->sctx);
+        } else {
+            if (dw->state.num)
+                (void)rqs_rm_fd(dw->sfd, true, true);
+            usock_close(dw->sfd, &dw->sctx);
+        }
         dw->sfd = -1;
     }
     if (dw->cfd > 0) {
@@ -514,7 +584,13 @@ void rm_all_tasks()
 
 int request_data_stream(dw_task* dw)
 {
-    int rc = usock_http_get(dw->sfd, dw->spec.url, 0);
+    // With the pool on the source is asked to keep the connection; without it the request is the
+    // one-shot GET it always was.
+    int rc = usock_http_get(dw->sfd, dw->spec.url, spl_on() ? uint32_t{HTTP_RQ_KEEPALIVE} : 0u);
+    if (rc != 0 && dw->src_reused) {
+        retry_on_new_source(dw);
+        return 0;
+    }
     if (rc == 0) {
         rc = rqs_mod(dw->sfd, dw, RQS_READ);
         if (rc)
@@ -539,6 +615,18 @@ int request_data_stream(dw_task* dw)
 
 int read_src_response(dw_task* dw)
 {
+    if (dw->src_reused) {
+        // A source may close an idle connection at any time, also just as the request went out;
+        // the end of the stream (or a reset) before the first byte of the answer says so.
+        char c;
+        const ssize_t n = recv(dw->sfd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n > 0)
+            dw->src_reused = false;
+        else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+            retry_on_new_source(dw);
+        if (n <= 0)
+            return 11;
+    }
     char* buf = static_cast<char*>(calloc(1, DW_RESP_BUFSZ));
     if (!buf)
         return -12;
@@ -564,6 +652,9 @@ int read_src_response(dw_task* dw)
                 dw->hresp = &g_resp_err;
             } else {
                 dw->hresp = &g_resp_ok;
+                // Bytes beyond the announced length would be taken for the next answer's.
+                dw->src_keep = spl_on() && http_head_keeps_alive(buf) &&
+                               static_cast<size_t>(resp.total - resp.tail) <= dw->content_length;
             }
         } else {
             zlogf(L_ERR, "%s: expected HTTP 2xx, got HTTP %d\n", resp.code);
