@@ -38,6 +38,90 @@ vesk_ctx g_ctx;
 // Plain-write downloads pass through this buffer one read at a time; one thread, so one buffer.
 static char sbuf[DW_SBUF_SIZE];
 
+// With splice_to_file they pass through this pipe instead, inside the kernel: the bytes are not
+// copied out to the buffer and back. Made at start, so that its two descriptors belong to the idle
+// agent; a pipe whose bytes could not all be written is replaced, so that no byte of one file can
+// reach the next.
+static int s_pipe[2] = {-1, -1};
+// Set once a destination filesystem refused a splice (EINVAL): read and write from then on.
+static bool s_splice_off = false;
+
+static void close_pipe()
+{
+    for (int& fd : s_pipe) {
+        if (fd >= 0)
+            (void)W_close(__func__, fd);
+        fd = -1;
+    }
+}
+
+static bool open_pipe()
+{
+    if (s_pipe[0] >= 0)
+        return true;
+    if (pipe2(s_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: pipe2() ERROR(%d): %s\n", e, strerror(e));
+        s_pipe[0] = s_pipe[1] = -1;
+        return false;
+    }
+    // As large as the buffer when allowed; the default size (64 KiB) only means more calls.
+    (void)fcntl(s_pipe[1], F_SETPIPE_SZ, static_cast<int>(DW_SBUF_SIZE));
+    return true;
+}
+
+// Moves what the source socket has (up to `len` bytes) into the file through the pipe: the count
+// taken from the socket (0 at its end), or -1 with errno. `*wrote` gets the count that reached the
+// file; less than taken means a write failure, already logged.
+static ssize_t splice_fragment(dw_task* dw, size_t len, ssize_t* wrote)
+{
+    *wrote = 0;
+    const ssize_t n = splice(dw->sfd, nullptr, s_pipe[1], nullptr, std::min<size_t>(len, DW_SBUF_SIZE),
+                             SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    if (n <= 0) {
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: splice(fd%d) ERROR(%d): %s\n", dw->sfd, e, strerror(e));
+            errno = e;
+        }
+        return n;
+    }
+    while (*wrote < n) {
+        const ssize_t w = splice(s_pipe[0], nullptr, dw->dfd, nullptr,
+                                 static_cast<size_t>(n - *wrote), SPLICE_F_MOVE);
+        if (w > 0) {
+            *wrote += w;
+            continue;
+        }
+        if (w < 0 && errno == EINTR && !g_quit)
+            continue;
+        if (w < 0 && errno == EINVAL) {
+            // This filesystem cannot take a splice: the bytes already in the pipe are copied out
+            // and written the plain way, and so is everything after them.
+            zlogf(L_WARN, "%s: fd%d cannot be spliced into; reading and writing instead\n",
+                  dw->dfd);
+            s_splice_off = true;
+            while (*wrote < n) {
+                const ssize_t r = nread(s_pipe[0], sbuf, static_cast<size_t>(n - *wrote), 0);
+                if (r <= 0 || nwrite(dw->dfd, sbuf, static_cast<size_t>(r), 0) != r)
+                    break;
+                *wrote += r;
+            }
+            if (*wrote < n) {
+                close_pipe();
+                (void)open_pipe();
+            }
+            break;
+        }
+        const int e = w < 0 ? errno : EIO;
+        zlogf(L_ERR, "%s: splice(fd%d) ERROR(%d): %s\n", dw->dfd, e, strerror(e));
+        close_pipe();
+        (void)open_pipe();
+        break;
+    }
+    return n;
+}
+
 namespace {
 
 // Switches the log group to a task's tracking tag for the life of the guard.
@@ -160,6 +244,9 @@ int init_vesk_ctx()
         step = "init source pool";
         if ((rc = spl_init(g_cfg->src_pool_max, g_cfg->src_pool_idle_ms)))
             break;
+        // Without a pipe the plain writes are made as without splice_to_file.
+        if (g_cfg->splice_to_file)
+            (void)open_pipe();
         if (g_cfg->lbdb.port > 0) {
             step = "?";
             if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
@@ -189,6 +276,7 @@ void destroy_vesk_ctx()
     rm_all_tasks();
     // After the tasks, which may have parked their connections.
     spl_destroy();
+    close_pipe();
     // After the tasks: none of them waits for a look-up any more.
     if (g_ctx.rsv_on) {
         rsv_destroy();
@@ -970,6 +1058,13 @@ int read_fragment(dw_task* dw)
     if (dw->nleft > 0) {
         if (dw->is_mmapped) {
             n = nread(dw->sfd, reinterpret_cast<char*>(dw->buf) + dw->f_pos, dw->nleft, 0);
+        } else if (g_cfg->splice_to_file && !s_splice_off && open_pipe()) {
+            ssize_t w = 0;
+            n = splice_fragment(dw, dw->nleft, &w);
+            if (n > 0 && w < n) {
+                zlogf(L_ERR, "%s: under-write to fd%d: %zd/%zd\n", dw->dfd, w, n);
+                rc = -1;
+            }
         } else {
             n = nread(dw->sfd, sbuf, std::min<size_t>(dw->nleft, sizeof(sbuf)), 0);
             if (n > 0) {

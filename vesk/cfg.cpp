@@ -220,6 +220,16 @@ int load_config(vesk_cfg* cfg, int is_reload)
         return -1;
     }
 
+    if (const config_setting_t* st = config_lookup(lc, "vesk.splice_to_file")) {
+        if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
+            zlogf(L_ERR, "%s: %s must be true or false\n", "vesk.splice_to_file");
+            return -1;
+        }
+        cfg->splice_to_file = config_setting_get_bool(st) != 0;
+    } else {
+        cfg->splice_to_file = false;
+    }
+
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");
     return 0;
@@ -281,6 +291,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     if (cfg->resolve_tmout_ms != D_RESOLVE_TMOUT_MS)
         fprintf(stream, "\tlook-up time-out     = %ld ms\n", cfg->resolve_tmout_ms);
+    if (cfg->splice_to_file)
+        fprintf(stream, "\tplain writes         = spliced from the socket\n");
     if (cfg->src_pool_max)
         fprintf(stream, "\tidle source pool     = %zu connections, %ld ms\n", cfg->src_pool_max,
                 cfg->src_pool_idle_ms);

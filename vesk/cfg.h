@@ -51,6 +51,7 @@ struct vesk_cfg {
     long resolve_tmout_ms; // bound of one look-up of a source host name
     size_t src_pool_max;   // idle keep-alive source connections kept for reuse; 0: none
     long src_pool_idle_ms; // how long one of them may stay idle
+    bool splice_to_file;   // buffer path: socket -> pipe -> file in the kernel, not read + write
     lbdb_cfg lbdb;         // lbdb.port 0: no database
 };
 

@@ -175,8 +175,9 @@ int W_socket(const char* caller, int domain, int type, int protocol)
     const int rc = socket(domain, type, protocol);
     if (rc == -1) {
         const errno_keeper ek;
-        zlog(L_ERR, "%s: socket(%d, %d, %d) ERROR(%d): %s\n", caller, domain, type, protocol,
-             ek.saved, strerror(ek.saved));
+        // The type as the caller named it: the creation flags are not part of it.
+        zlog(L_ERR, "%s: socket(%d, %d, %d) ERROR(%d): %s\n", caller, domain,
+             type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC), protocol, ek.saved, strerror(ek.saved));
     }
     return rc;
 }
@@ -268,6 +269,20 @@ int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrl
     // A drained queue ends every accept cycle on a non-blocking listener; it is not an error.
     // Running out of descriptors repeats on every readiness event until some are free: the
     // caller reports it at a rate it limits.
+    if (rc == -1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EMFILE &&
+        errno != ENFILE) {
+        const errno_keeper ek;
+        zlog(L_ERR, "%s: accept(%d, %p, %ld) ERROR(%d): %s\n", caller, fd,
+             static_cast<void*>(addr), offered, ek.saved, strerror(ek.saved));
+    }
+    return rc;
+}
+
+int W_accept4(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen, int flags)
+{
+    const long offered = addrlen != nullptr ? static_cast<long>(*addrlen) : 0L;
+    const int rc = accept4(fd, addr, addrlen, flags);
+    // The same exemptions and the same text as W_accept: the flags change no outcome.
     if (rc == -1 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EMFILE &&
         errno != ENFILE) {
         const errno_keeper ek;

@@ -131,6 +131,7 @@ TEST_F(CfgTest, RefusedFiles)
         {conf("src_pool_max = -1;"),
          "load_config: invalid vesk.src_pool_max value: -1 (allowed 0..4096)\n"},
         {conf("src_pool_max = \"8\";"), "load_config: vesk.src_pool_max must be an integer\n"},
+        {conf("splice_to_file = 1;"), "load_config: vesk.splice_to_file must be true or false\n"},
         {conf("src_pool_idle_ms = 0;"),
          "load_config: invalid vesk.src_pool_idle_ms value: 0 (allowed 1..600000)\n"},
     };
