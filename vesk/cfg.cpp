@@ -69,6 +69,21 @@ static int lookup_ranged_int(const char* caller, const config_t* lc, const char*
     return 0;
 }
 
+// A key that must be true or false when present (absent: false); 0, or -1 after naming the key.
+static int lookup_strict_bool(const char* caller, const config_t* lc, const char* path, bool* value)
+{
+    *value = false;
+    const config_setting_t* st = config_lookup(lc, path);
+    if (!st)
+        return 0;
+    if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
+        zlog(L_ERR, "%s: %s must be true or false\n", caller, path);
+        return -1;
+    }
+    *value = config_setting_get_bool(st) != 0;
+    return 0;
+}
+
 static bool lookup_member_bool(const config_setting_t* setting, const char* key, bool dflt)
 {
     int value = 0;
@@ -205,30 +220,16 @@ int load_config(vesk_cfg* cfg, int is_reload)
     cfg->src_pool_max = static_cast<size_t>(pool_max);
     cfg->src_pool_idle_ms = pool_idle;
 
-    if (const config_setting_t* st = config_lookup(lc, "vesk.end_stalled_tasks")) {
-        if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
-            zlogf(L_ERR, "%s: %s must be true or false\n", "vesk.end_stalled_tasks");
-            return -1;
-        }
-        cfg->end_stalled_tasks = config_setting_get_bool(st) != 0;
-    } else {
-        cfg->end_stalled_tasks = false;
-    }
+    if (lookup_strict_bool(__func__, lc, "vesk.end_stalled_tasks", &cfg->end_stalled_tasks))
+        return -1;
     if (cfg->end_stalled_tasks && (cfg->task_tmout_ms < 1 || cfg->task_tmout_ms > INT_MAX)) {
         zlogf(L_ERR, "%s: %s must be at least 1 with vesk.end_stalled_tasks\n",
               "vesk.task_tmout_ms");
         return -1;
     }
 
-    if (const config_setting_t* st = config_lookup(lc, "vesk.splice_to_file")) {
-        if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
-            zlogf(L_ERR, "%s: %s must be true or false\n", "vesk.splice_to_file");
-            return -1;
-        }
-        cfg->splice_to_file = config_setting_get_bool(st) != 0;
-    } else {
-        cfg->splice_to_file = false;
-    }
+    if (lookup_strict_bool(__func__, lc, "vesk.splice_to_file", &cfg->splice_to_file))
+        return -1;
 
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");

@@ -94,13 +94,14 @@ TEST_F(CfgTest, KeyTableDefaultsAndDumps)
                         "resolve_tmout_ms = 700;")),
               0) << out;
     EXPECT_TRUE(contains(dump(), "\tlook-up time-out     = 700 ms\n")) << dump();
-    EXPECT_EQ(cfg.src_pool_max, 0u) << "built in: every download on a connection of its own";
-    ASSERT_EQ(load(conf("src_pool_max = 16; src_pool_idle_ms = 2500;")), 0) << out;
-    EXPECT_TRUE(contains(dump(), "\tidle source pool     = 16 connections, 2500 ms\n")) << dump();
     EXPECT_TRUE(contains(dump(), "\tCommand timeout        = 250 ms\n"
                                  "\tReconnect              = 100 ms\n"
                                  "\tMax pending            = 0\n"))
-        << dump();
+        << dump();    EXPECT_EQ(cfg.src_pool_max, 0u) << "built in: every download on a connection of its own";
+    ASSERT_EQ(load(conf("src_pool_max = 16; src_pool_idle_ms = 2500;")), 0) << out;
+    EXPECT_TRUE(contains(dump(), "\tidle source pool     = 16 connections, 2500 ms\n")) << dump();
+    ASSERT_EQ(load(conf("splice_to_file = true;")), 0) << out;
+    EXPECT_TRUE(cfg.splice_to_file && contains(dump(), "\tplain writes         = spliced from the socket\n"));
 }
 
 TEST_F(CfgTest, RefusedFiles)
