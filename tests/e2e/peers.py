@@ -64,10 +64,12 @@ http {{
     scgi_temp_path {d}/tmp/scgi;
     sendfile on;
     keepalive_timeout 5;
+    log_format conn '$connection $request';
     server {{
         listen 127.0.0.1:{port};
         server_name localhost;
         root {d}/www;
+        {extra}
     }}
 }}
 """
@@ -76,14 +78,17 @@ http {{
 class Nginx:
     """A static file server over a temporary document root."""
 
-    def __init__(self, workdir: Path, port: int):
+    def __init__(self, workdir: Path, port: int, extra_http=""):
+        """`extra_http`: directives added to the server block (may use {d}, the work directory;
+        the log format "conn" logs each request's connection number)."""
         self.dir = workdir
         self.port = port
         self.root = workdir / "www"
         self.root.mkdir(parents=True, exist_ok=True)
         (workdir / "tmp").mkdir(exist_ok=True)
         self.conf = workdir / "nginx.conf"
-        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port))
+        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port,
+                                               extra=extra_http.format(d=workdir)))
         self.error_log = workdir / "error.log"
         self.proc = None
 

@@ -8,6 +8,8 @@ import time
 
 import pytest
 
+from conftest import free_port
+from peers import Nginx
 from test_download import ask, curl, dl_path, fd_count, files_under, wait_fds
 from test_peer_faults import name_agent  # noqa: F401 (a fixture)
 
@@ -243,4 +245,31 @@ def test_named_source_reuses_without_a_look_up_and_retries_through_one(name_agen
     assert log.count("rsv_lookup: [localhost] looked up") == 2, log[-3000:]
     assert log.count("reused connection fd") == 1 and src.connections == 2
     assert "due to error" not in log and ns.queries == 0
+    assert agent.stop() == 0
+
+
+def test_real_source_keeps_and_then_closes_connections(agent, tmp_path):
+    """nginx closes an idle connection after a second and ends one after two requests (its last
+    answer says "Connection: close"); its log shows on which connection each request came."""
+    ng = Nginx(tmp_path / "nginx", free_port(), "keepalive_timeout 1; keepalive_requests 2; "
+               "access_log {d}/conn.log conn;").start()
+    try:
+        pooled_agent(agent)
+        idle_fds = fd_count(agent.proc.pid)
+        for i in (1, 2, 3):
+            ng.put(f"live/{i}.ts", BODIES[f"live/{i}.ts"])
+            ask(agent, ng.url(f"live/{i}.ts"), f"live/{i}.ts")
+            agent.wait_for_log(rf"downloaded: .*live/{i}\.ts\]")
+        # Two requests on the first connection, then a new one: the closing answer was not pooled.
+        conns = [line.split()[0] for line in (ng.dir / "conn.log").read_text().splitlines()]
+        assert len(conns) == 3 and conns[0] == conns[1] != conns[2], conns
+        assert wait_fds(agent.proc.pid, idle_fds + 1) == idle_fds + 1
+        # nginx's idle time-out closes the pooled one: noticed, and the descriptor goes.
+        agent.wait_for_log(r"spl_on_event: idle connection fd\d+ to .* was closed by the source", timeout=5)
+        assert wait_fds(agent.proc.pid, idle_fds) == idle_fds
+        assert "(ERR)" not in agent.log()
+        assert files_under(agent.data_dir) == ["live/1.ts", "live/2.ts", "live/3.ts"]
+        assert all((agent.data_dir / f"live/{i}.ts").read_bytes() == BODIES[f"live/{i}.ts"] for i in (1, 2, 3))
+    finally:
+        ng.stop()
     assert agent.stop() == 0
