@@ -542,6 +542,19 @@ int rui_add_request(int fd, rui_socket_ctx* srv, void* data)
     return 0;
 }
 
+void rui_detach_fd(void* rq)
+{
+    auto* rqh = static_cast<rui_rq_header*>(rq);
+    const int fd = rqh->fd;
+    if (fd < 0)
+        return;
+    if (fits_fdset(fd))
+        FD_CLR(fd, &rqh->srv->accset);
+    if (rqs_rm_fd(fd, true, false) != 0)
+        zlogf(L_ERR, "%s: failed to remove fd=%d from the monitored set.\n", fd);
+    rqh->fd = -1;
+}
+
 // Removes a request at once. `from_pprm` is set when the post-processing removal is emptying the
 // pprm list itself; otherwise a pending pprm entry for the request is dropped first, so that the
 // scheduled removal never touches the freed request.

@@ -507,18 +507,14 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         dw->cfd = -1;
         zlogf(L_INFO, "%s: no client connection\n");
     } else {
-        // The request object closes its own descriptor when it goes; the task answers later
-        // through this duplicate.
-        dw->cfd = dup(cfd);
-        if (dw->cfd < 0) {
-            const int e = errno;
-            zlogf(L_ERR, "%s: dup(fd%d) ERROR(%d): %s\n", cfd, e, strerror(e));
-            free_dw(dw);
-            return e;
-        }
+        // The task answers later through the request's own socket: the request hands it over
+        // when this call succeeds (a duplicate would cost a dup and a close per download).
+        dw->cfd = cfd;
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
     if (const int rc = start_source(dw, true)) {
+        // The socket is still the request's, which answers the failure itself.
+        dw->cfd = -1;
         free_dw(dw);
         return rc;
     }
@@ -550,7 +546,7 @@ static bool owns_dfile(const dw_task* dw)
            st.st_ino == dw->dfile_ino;
 }
 
-// Sends the chosen response to the client and closes the client duplicate.
+// Sends the chosen response to the client and closes the client socket.
 static void answer_client(dw_task* dw)
 {
     ZASSERT(dw->cfd >= 0);

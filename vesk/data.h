@@ -69,7 +69,7 @@ struct dw_task {
     int sfd;              // source socket, -1 when none
     usock_ctx sctx;       // source socket context
     int dfd;              // destination file, -1 when none
-    int cfd;              // duplicate of the client socket, -1 without client or once answered
+    int cfd;              // the client socket, -1 without client or once answered
     size_t content_length; // announced by the source
     size_t nleft;          // bytes still to receive
     off_t f_pos;           // bytes written so far
