@@ -3,18 +3,17 @@ and port goes out on the connection an earlier one left, a connection the source
 or just as a request goes out costs the download nothing, and no pooled socket outlives its use:
 the descriptor count comes back to idle."""
 import socket
-import threading
 import time
 
 import pytest
 
 from conftest import free_port
-from peers import Nginx
+from peers import BadSource, Nginx
 from test_download import ask, curl, dl_path, fd_count, files_under, wait_fds
 from test_peer_faults import name_agent  # noqa: F401 (a fixture)
 
 
-class KeepAliveSource:
+class KeepAliveSource(BadSource):
     """A loopback HTTP/1.1 source that answers several requests per connection, as a web server
     does, and counts its connections. `script` maps the number of a request on its connection
     (1, 2, ...) to "answer" (the default), "close" (close without an answer) or "silent" (send
@@ -23,37 +22,12 @@ class KeepAliveSource:
     def __init__(self, bodies, script=None):
         self.bodies, self.script = bodies, dict(script or {})
         self.connections = 0
-        self.requests = []  # (connection number, request head)
+        self.requests_on = []  # (connection number, request head)
         self._idle = set()  # connections waiting for their next request
-        self._lock = threading.Lock()
-        self._stop = threading.Event()
-        self._threads = []
-        self._srv = socket.socket()
-        self._srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._srv.bind(("127.0.0.1", 0))
-        self._srv.listen(16)
-        self._srv.settimeout(0.1)
-        self.port = self._srv.getsockname()[1]
-        self._acceptor = threading.Thread(target=self._accept_loop, daemon=True)
-        self._acceptor.start()
+        super().__init__()
 
     def url(self, path, host="127.0.0.1"):
         return f"http://{host}:{self.port}/{path}"
-
-    def _accept_loop(self):
-        while not self._stop.is_set():
-            try:
-                conn, _ = self._srv.accept()
-            except socket.timeout:
-                continue
-            except OSError:
-                break
-            with self._lock:
-                self.connections += 1
-                number = self.connections
-            t = threading.Thread(target=self._serve, args=(conn, number), daemon=True)
-            self._threads.append(t)
-            t.start()
 
     def _read_head(self, conn):
         data = b""
@@ -71,7 +45,10 @@ class KeepAliveSource:
             data += chunk
         return data
 
-    def _serve(self, conn, number):
+    def _serve(self, conn):
+        with self._lock:
+            self.connections += 1
+            number = self.connections
         nth = 0
         try:
             while True:
@@ -84,7 +61,7 @@ class KeepAliveSource:
                     return
                 nth += 1
                 with self._lock:
-                    self.requests.append((number, head))
+                    self.requests_on.append((number, head))
                 what = self.script.get(nth, "answer")
                 if what == "close":
                     return
@@ -109,14 +86,6 @@ class KeepAliveSource:
         for c in idle:
             c.shutdown(socket.SHUT_RDWR)
         return len(idle)
-
-    def stop(self):
-        self._stop.set()
-        self._srv.close()
-        self._acceptor.join(timeout=2)
-        for t in self._threads:
-            t.join(timeout=10)
-        assert not any(t.is_alive() for t in self._threads), "source connection thread did not end"
 
 
 BODIES = {f"live/{i}.ts": bytes([i]) * (3000 + 1000 * i) for i in range(1, 6)}
@@ -161,7 +130,7 @@ def test_downloads_from_one_source_share_a_connection(agent, source, pool_max, c
     for i in (1, 2, 3):
         fetch(agent, src, i)
     assert src.connections == connections
-    assert all(conn_word in head for _, head in src.requests) and len(src.requests) == 3
+    assert all(conn_word in head for _, head in src.requests_on) and len(src.requests_on) == 3
     # The one pooled connection is the only descriptor beyond idle; without the pool, none is.
     assert wait_fds(agent.proc.pid, idle_fds + (1 if pool_max else 0)) == idle_fds + (1 if pool_max else 0)
     assert agent.stop() == 0
@@ -191,7 +160,7 @@ def test_connection_closed_as_the_request_goes_out_is_retried_once(agent, source
     fetch(agent, src, 1)
     fetch(agent, src, 2)
     fetch(agent, src, 3)
-    assert src.connections == 3 and len(src.requests) == 5
+    assert src.connections == 3 and len(src.requests_on) == 5
     log = agent.log()
     assert log.count("reused connection fd") == 2, log[-3000:]
     assert "due to error" not in log and "(ERR)" not in log, log[-3000:]
