@@ -14,6 +14,7 @@
 
 #include "app.h"
 #include "log.h"
+#include "mtr.h"
 #include "rq.h"
 #include "rqs.h"
 #include "strops.h"
@@ -101,6 +102,8 @@ int udl_accept(udl_ctx* udl)
     time_t expiry = 0;
     int rc = 0;
     bool locked = false;
+    // What the datagram counts as when it fails; moved on as it passes each step.
+    mtr_udp result = MTR_UDP_ERROR;
 
     // One datagram per event; the steps below each end the order on failure, and every failure
     // is reported once at the end.
@@ -114,6 +117,7 @@ int udl_accept(udl_ctx* udl)
             break;
         }
         zlogf(L_DEBUG, "%s: read %zd bytes from fd%d\n", n, udl->sockfd);
+        result = MTR_UDP_MALFORMED;
         // The length is judged on what arrived, before any line end is trimmed.
         if (n < MIN_UMSG_LEN || n > MAX_UMSG_LEN) {
             zlogf(L_ERR, "%s: invalid message length: %zd (min/max=%d/%d)\n", n, MIN_UMSG_LEN,
@@ -134,20 +138,28 @@ int udl_accept(udl_ctx* udl)
         rc = lid_lock(lid);
         if (rc == 16) {
             zlogf(L_INFO, "%s: [%s] already engaged, will skip\n", lid);
+            mtr_udp_order(MTR_UDP_LOCKED);
             return 0;
         }
-        if (rc != 0)
+        if (rc != 0) {
+            result = MTR_UDP_ERROR;
             break;
+        }
         locked = true;
 
         dw_spec spec{};
         rc = parse_url(url, lid, &spec);
-        if (rc != 0)
+        if (rc != 0) {
+            // 17: a fresh unfinished file of that name is being written; the order itself is fine.
+            if (rc == 17)
+                result = MTR_UDP_REFUSED;
             break;
+        }
         spec.expiry_tm = expiry;
         zlogf(L_DEBUG, "%s: expiry time: %ld\n", static_cast<long>(expiry));
 
         if (is_local_url(spec.url)) {
+            result = MTR_UDP_LOCAL;
             zlogf(L_DEBUG, "%s: [%s] is local URL, no download required\n", spec.url);
             if (g_cfg->lbdb.port > 0) {
                 zlogf(L_DEBUG, "%s: adding local URL to LBDB\n");
@@ -156,10 +168,11 @@ int udl_accept(udl_ctx* udl)
         } else {
             // Nobody waits for an answer, and a refused order keeps its lock until it goes
             // stale: that throttles repeated announcements of the same order.
-            (void)mk_dw_task(-1, &spec);
+            result = mk_dw_task(-1, &spec) == 0 ? MTR_UDP_STARTED : MTR_UDP_REFUSED;
         }
     } while (false);
 
+    mtr_udp_order(result);
     if (rc == 0 || rc == 16)
         return 0;
     zlogf(L_ERR, "%s: [%s] request failed; url=[%s], rc=%d\n", lid ? lid : "",
