@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "log.h"
@@ -108,6 +109,11 @@ void* adm_new(int sockfd, rui_socket_ctx* srv, void* /*arg*/)
     if (!rq)
         return nullptr;
     set_tag32(&rq->tag, "ADM");
+    // The listener manager asks for RUI_LOW_WMARK bytes before a connection is readable, but
+    // "GET /status HTTP/1.0" with its blank line is shorter: it would wait for the time-out.
+    const int lowat = 1;
+    if (srv->lc && !srv->lc->domain_path[0])
+        (void)W_setsockopt(__func__, sockfd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof(lowat));
     rq->sockfd = sockfd;
     rq->srv = srv;
     rq->start_tm = *rqs_now_ref();

@@ -1001,7 +1001,8 @@ int complete_download(dw_task* dw)
     timespec now, took;
     set_clk_now(&now, CLOCK_MONOTONIC);
     tspec_diff(&now, &dw->start_tm, &took);
-    mtr_observe_download_ms(static_cast<long>(took.tv_sec) * 1000 + took.tv_nsec / 1000000);
+    mtr_observe_download_us(static_cast<uint64_t>(took.tv_sec) * 1000000u +
+                            static_cast<uint64_t>(took.tv_nsec) / 1000u);
     zlog(L_NORM, "downloaded: %zu bytes, [%s] to [%s]\n", dw->content_length, dw->spec.url,
          dw->spec.fpath);
     (void)pprm_task(dw);

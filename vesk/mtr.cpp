@@ -213,14 +213,14 @@ void mtr_init()
     set_clk_now(&g_mtr.start_mono, CLOCK_MONOTONIC);
 }
 
-void mtr_observe_download_ms(long ms)
+void mtr_observe_download_us(uint64_t us)
 {
     size_t i = 0;
-    while (i < MTR_DUR_BUCKETS && ms > MTR_DUR_BOUNDS_MS[i])
+    while (i < MTR_DUR_BUCKETS && us > static_cast<uint64_t>(MTR_DUR_BOUNDS_MS[i]) * 1000u)
         ++i;
     ++g_mtr.dur_buckets[i];
     ++g_mtr.dur_count;
-    g_mtr.dur_sum_us += static_cast<uint64_t>(ms < 0 ? 0 : ms) * 1000u;
+    g_mtr.dur_sum_us += us;
 }
 
 void mtr_printf(mtr_text* t, const char* fmt, ...)

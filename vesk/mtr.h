@@ -74,8 +74,8 @@ inline void mtr_answer(int code)
 }
 inline void mtr_udp_order(mtr_udp r) { ++g_mtr.udp_orders[r]; }
 inline void mtr_registration(mtr_reg r) { ++g_mtr.registrations[r]; }
-// A download that took `ms` milliseconds from its order to the rename.
-void mtr_observe_download_ms(long ms);
+// A download that took `us` microseconds from its order to the rename.
+void mtr_observe_download_us(uint64_t us);
 
 // A text that grows as it is written to; a failed growth is remembered and ends in `failed`.
 struct mtr_text {
