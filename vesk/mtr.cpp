@@ -95,24 +95,43 @@ void sample(mtr_text* t, const char* name, const char* label, const char* value,
     mtr_printf(t, "%s{%s=\"%s\"} %llu\n", name, label, value, static_cast<unsigned long long>(n));
 }
 
+// Calls `f(type, slot)` for every set-up listener, types in the listener manager's order.
+template <class F> void each_listener(F f)
+{
+    const rui_socket_ctx* const types[RUI_MAX] = {g_ctx.rui.user, g_ctx.rui.admin, g_ctx.rui.custom};
+    for (int type = 0; type < RUI_MAX; ++type)
+        for (size_t i = 0; i < RUI_LISTENER_SLOTS; ++i)
+            if (types[type][i].tag.num == RSC_TAG && types[type][i].requests && types[type][i].lc)
+                f(type, &types[type][i]);
+}
+
+// One sample per set-up listener, with the value `value` picks from the slot.
+void put_per_listener(mtr_text* t, const char* name, size_t (*value)(const rui_socket_ctx*))
+{
+    each_listener([&](int type, const rui_socket_ctx* s) {
+        mtr_printf(t, "%s{type=\"%s\",listener=\"", name, rui_type_name(type));
+        mtr_put_escaped(t, s->lc->alias);
+        mtr_printf(t, "\"} %zu\n", value(s));
+    });
+}
+
+size_t queued_of(const rui_socket_ctx* s)
+{
+    return dlep_count(s->requests);
+}
+
+size_t refused_of(const rui_socket_ctx* s)
+{
+    return s->busy_refused;
+}
+
 void put_listener_queues(mtr_text* t)
 {
     head(t, "vsk_requests_queued", "gauge", "Requests accepted and not yet removed, per listener.");
-    const struct {
-        int type;
-        const rui_socket_ctx* slots;
-    } types[] = {{RUI_USER, g_ctx.rui.user}, {RUI_ADMIN, g_ctx.rui.admin},
-                 {RUI_CUSTOM, g_ctx.rui.custom}};
-    for (const auto& ty : types) {
-        for (size_t i = 0; i < RUI_LISTENER_SLOTS; ++i) {
-            const rui_socket_ctx* s = &ty.slots[i];
-            if (s->tag.num != RSC_TAG || !s->requests || !s->lc)
-                continue;
-            mtr_printf(t, "vsk_requests_queued{type=\"%s\",listener=\"", rui_type_name(ty.type));
-            mtr_put_escaped(t, s->lc->alias);
-            mtr_printf(t, "\"} %zu\n", dlep_count(s->requests));
-        }
-    }
+    put_per_listener(t, "vsk_requests_queued", queued_of);
+    head(t, "vsk_requests_refused_total", "counter",
+         "Connections answered 503 because their listener held its limit of requests.");
+    put_per_listener(t, "vsk_requests_refused_total", refused_of);
 }
 
 void put_histogram(mtr_text* t)
@@ -175,33 +194,23 @@ int put_task_json(void* data, size_t i, void* aux)
 void put_listeners_json(mtr_text* t)
 {
     mtr_printf(t, "  \"listeners\": [");
-    const struct {
-        int type;
-        const rui_socket_ctx* slots;
-    } types[] = {{RUI_USER, g_ctx.rui.user}, {RUI_ADMIN, g_ctx.rui.admin},
-                 {RUI_CUSTOM, g_ctx.rui.custom}};
     bool first = true;
-    for (const auto& ty : types) {
-        for (size_t i = 0; i < RUI_LISTENER_SLOTS; ++i) {
-            const rui_socket_ctx* s = &ty.slots[i];
-            if (s->tag.num != RSC_TAG || !s->lc)
-                continue;
-            const rui_listener_cfg* lc = s->lc;
-            mtr_printf(t, "%s\n    {\"type\": \"%s\", \"alias\": ", first ? "" : ",",
-                       rui_type_name(ty.type));
-            first = false;
-            put_json_str(t, lc->alias);
-            if (lc->domain_path[0]) {
-                mtr_printf(t, ", \"path\": ");
-                put_json_str(t, lc->domain_path);
-            } else {
-                mtr_printf(t, ", \"port\": ");
-                put_json_str(t, lc->port);
-            }
-            mtr_printf(t, ", \"listening\": %s, \"queued\": %zu}", s->sockfd >= 0 ? "true" : "false",
-                       s->requests ? dlep_count(s->requests) : static_cast<size_t>(0));
+    each_listener([&](int type, const rui_socket_ctx* s) {
+        const rui_listener_cfg* lc = s->lc;
+        mtr_printf(t, "%s\n    {\"type\": \"%s\", \"alias\": ", first ? "" : ",",
+                   rui_type_name(type));
+        first = false;
+        put_json_str(t, lc->alias);
+        if (lc->domain_path[0]) {
+            mtr_printf(t, ", \"path\": ");
+            put_json_str(t, lc->domain_path);
+        } else {
+            mtr_printf(t, ", \"port\": ");
+            put_json_str(t, lc->port);
         }
-    }
+        mtr_printf(t, ", \"listening\": %s, \"queued\": %zu}", s->sockfd >= 0 ? "true" : "false",
+                   dlep_count(s->requests));
+    });
     mtr_printf(t, "%s],\n", first ? "" : "\n  ");
 }
 

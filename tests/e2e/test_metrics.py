@@ -221,6 +221,20 @@ def test_admin_answers_only_its_two_paths_and_web_listeners_are_unchanged(agents
     assert "[admin] listener" not in off.log()
 
 
+def test_full_web_listener_refusals_are_counted_per_listener(agent):
+    agent.vesk["web_input"][0].update(max_queued=1, alias="web-lo")
+    admin_on(agent).start()
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5):
+        wait_scrape(agent, lambda s: s("vsk_requests_queued", type="user", listener="web-lo") == 1)
+        status, _, _ = get(agent.port, b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: t\r\n\r\n")
+        assert status == 503
+        s = Scrape(agent)
+    assert s("vsk_requests_refused_total", type="user", listener="web-lo") == 1
+    assert s("vsk_requests_refused_total", type="admin", listener=f"lo:{agent.admin}") == 0
+    # The refusal never reached a request object: no answer of the download path counts it.
+    assert s.family("vsk_http_answers_total") == {}
+
+
 def test_admin_connection_that_never_sends_a_head_times_out(agent):
     agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
     admin_on(agent).start()
