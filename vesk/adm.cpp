@@ -92,6 +92,8 @@ void flush_answer(adm_rq* rq)
 {
     const int rc = send_out(rq);
     if (rc == 11) {
+        zlogf(L_DEBUG, "%s: [%s] fd%d full after %zu/%zu bytes, waiting\n", rq->trk_tag.sym8,
+              rq->sockfd, rq->out_pos, rq->out_len);
         if (rqs_mod(rq->sockfd, rq, RQS_WRITE) == 0)
             return;
         zlogf(L_ERR, "%s: [%s] cannot wait for fd%d to drain\n", rq->trk_tag.sym8, rq->sockfd);

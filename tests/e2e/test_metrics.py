@@ -3,6 +3,7 @@ the metrics client's own exposition parser while real downloads, failures and an
 /status parsed as JSON, 404 for every other path, and web listeners that answer as before."""
 import json
 import re
+import resource
 import socket
 import time
 
@@ -219,6 +220,53 @@ def test_admin_answers_only_its_two_paths_and_web_listeners_are_unchanged(agents
     # Without the group there is no admin listener at all.
     assert "1 [admin] listener(s) started" in on.log()
     assert "[admin] listener" not in off.log()
+
+
+def test_status_larger_than_the_socket_takes_reaches_a_slow_reader(agent, tmp_path):
+    # A source that accepts (the kernel does it) and never answers keeps every task in flight.
+    # The slow reader comes through a local-domain admin listener: a loopback TCP socket's send
+    # buffer grows to megabytes, a local one stays near its default of a few hundred kilobytes.
+    ntasks = 1000
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if hard != resource.RLIM_INFINITY and hard < 4 * ntasks:
+        pytest.skip(f"descriptor limit {hard} too low for {ntasks} clients")
+    resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, 4 * ntasks), hard))
+    long_dir = "d" * 90
+    silent = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    silent.bind(("127.0.0.1", 0))
+    silent.listen(1024)
+    src = f"http://127.0.0.1:{silent.getsockname()[1]}/{long_dir}"
+    admin_on(agent)
+    unix_path = str(tmp_path / "admin.sock")
+    agent.vesk["admin_input"] = [agent.vesk["admin_input"], {"domain_path": unix_path}]
+    agent.start()
+    clients = []
+    try:
+        for i in range(ntasks):
+            c = socket.create_connection(("127.0.0.1", agent.port), timeout=5)
+            c.sendall(f"GET /src/{src}/{i}.ts/dst/live/{i}.ts HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"
+                      .encode())
+            clients.append(c)
+        wait_scrape(agent, lambda s: s("vsk_tasks_active") == ntasks, timeout=20)
+        # A reader with a tiny window that starts reading late: the answer cannot go out at once.
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.settimeout(5)
+            s.connect(unix_path)
+            s.sendall(b"GET /status HTTP/1.1\r\n\r\n")
+            agent.wait_for_log(r"full after \d+/\d+ bytes, waiting")
+            data = b""
+            while chunk := s.recv(4096):
+                data += chunk
+        head, _, body = data.partition(b"\r\n\r\n")
+        assert f"Content-Length: {len(body)}".encode() in head
+        st = json.loads(body)
+        assert sorted(t["destination"] for t in st["tasks"]) == \
+            sorted(f"live/{i}.ts" for i in range(ntasks))
+        assert {(t["state"], t["bytes"]) for t in st["tasks"]} == {("rsp", 0)}
+    finally:
+        for c in clients:
+            c.close()
+        silent.close()
 
 
 def test_full_web_listener_refusals_are_counted_per_listener(agent):
