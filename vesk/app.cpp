@@ -23,6 +23,7 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "srcacl.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -130,6 +131,7 @@ int init_vesk_ctx()
     ZASSERT(!g_ctx.is_ready);
     set_tag32(&urq_cb.tag, "URQ");
     rui_set_cb(RUI_USER, &urq_cb);
+    rui_set_client_filter(&g_cfg->allow_clients);
     (void)raise_nofile_limit(g_cfg->max_tasks);
 
     int rc = rui_ctx_init(&g_cfg->rui, &g_ctx.rui);
@@ -262,9 +264,14 @@ int connect_to_src(const char* url, usock_ctx* sctx)
     sctx->non_blocking = true;
     sctx->skip_http = true; // the GET goes out from request_data_stream once connected
     sctx->timeout_ms = DW_SRC_TMOUT_MS;
+    // The host was judged by name when the request came in; what the name resolves to now is
+    // judged here, address by address, before any of them is connected.
+    sctx->sspec.addr_ok = src_addr_allowed;
     const int fd = usock_open(url, sctx);
     if (fd < 0) {
+        const int err = errno;
         zlogf(L_ERR, "%s: failed to open [%s]\n", url);
+        errno = err;
         return -1;
     }
     zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
@@ -309,8 +316,9 @@ int mk_dw_task(int cfd, const dw_spec* spec)
     }
     dw->sfd = connect_to_src(dw->spec.url, &dw->sctx);
     if (dw->sfd == -1) {
+        const bool refused = errno == EACCES;
         free_dw(dw);
-        return -1;
+        return refused ? 13 : -1;
     }
     if (const int rc = rqs_add_writer(dw->sfd, dw)) {
         zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "acl.h"
 #include "appcfg.h"
 #include "lbquery.h"
 
@@ -45,6 +46,9 @@ struct vesk_cfg {
     size_t max_mmap_mb;    // larger destination files are written through a buffer
     char seg_url_pfx[128]; // local URL prefix of downloaded segments
     lbdb_cfg lbdb;         // lbdb.port 0: no database
+    acl_list allow_clients; // peers that may send requests; empty: everyone
+    acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all
+    acl_list deny_sources;  // source prefixes never fetched, even when allowed
 };
 
 // The process-wide configuration, filled at start-up and read by everything else.
