@@ -38,8 +38,10 @@ run: deps build
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
+# Access-list look-up cost and download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
 bench: deps build
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target acl_bench
+	$(RELEASE_DIR)/acl_bench
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
 
 install: deps
