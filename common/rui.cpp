@@ -131,6 +131,18 @@ int rui_setup_listeners(int type, rui_listener_cfg* lc, rui_socket_ctx* srv)
     return 0;
 }
 
+// After a failed start, names every set-up listener left without a socket: the walk stops at the
+// first failure, and an operator should not have to guess which of the others were never tried.
+static void log_unstarted(const rui_ctx* ctx)
+{
+    const rui_socket_ctx* types[RUI_MAX] = {ctx->user, ctx->admin, ctx->custom};
+    for (int type = 0; type < RUI_MAX; ++type)
+        for (size_t i = 0; i < RUI_LISTENER_SLOTS && is_set_up(&types[type][i]); ++i)
+            if (types[type][i].sockfd < 0)
+                zlog(L_ERR, "%s: [%s] listener[%s] not started\n", "rui_ctx_start",
+                     rui_type_name(type), alias_of(&types[type][i]));
+}
+
 int rui_ctx_start(rui_ctx* ctx)
 {
     int rc = rui_enable_listeners(ctx->user);
@@ -138,6 +150,8 @@ int rui_ctx_start(rui_ctx* ctx)
         rc = rui_enable_listeners(ctx->admin);
     if (rc == 0)
         rc = rui_enable_listeners(ctx->custom);
+    if (rc != 0)
+        log_unstarted(ctx);
     return rc;
 }
 

@@ -125,8 +125,9 @@ void rui_set_client_filter(const acl_list* allowed);
 // queue's or the list's error code. A valid entry of a type without new_rq/rm_rq is fatal.
 [[nodiscard]] int rui_setup_listeners(int type, rui_listener_cfg* lc, rui_socket_ctx* srv);
 
-// Starts every set-up listener of every type; 0 or the first failure (which ends start-up).
-// Needs an initialised event loop.
+// Starts every set-up listener of every type; 0 or the first failure (which ends start-up), after
+// which every set-up listener left without a socket is logged as not started. Needs an
+// initialised event loop.
 [[nodiscard]] int rui_ctx_start(rui_ctx* ctx);
 // Starts the set-up slots of one type (the RUI_LISTENER_SLOTS slots at `srv`); 0 or -1.
 [[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv);

@@ -7,7 +7,7 @@ set -euo pipefail
 # and man-db: the manual page checks. systemd is not pulled in for systemd-analyze: the unit check
 # is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
-      libgtest-dev python3 python3-pytest redis-server nginx curl socat
+      libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat
       dpkg-dev file groff-base man-db)
 
 missing=()

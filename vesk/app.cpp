@@ -160,6 +160,7 @@ int init_vesk_ctx()
             step = "?";
             if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
                 break;
+            lbdb_set_link_opts(&g_cfg->lbdb);
             if ((rc = lbdb_connect(g_cfg->lbdb.host, g_cfg->lbdb.port, g_cfg->lbdb.tmout)))
                 break;
         }
@@ -182,6 +183,11 @@ void destroy_vesk_ctx()
 {
     pprm_task_cleanup();
     rm_all_tasks();
+    // After the tasks: none of them waits for a look-up any more.
+    if (g_ctx.rsv_on) {
+        rsv_destroy();
+        g_ctx.rsv_on = false;
+    }
     udl_ctx_destroy(&g_ctx.udl);
     rui_ctx_destroy(&g_ctx.rui);
     pprm_requests();
@@ -257,17 +263,19 @@ void set_dw_state(dw_task* dw, n32_tag state)
     dw->state = state;
 }
 
-int connect_to_src(const char* url, usock_ctx* sctx)
+int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
 {
     memset(sctx, 0, sizeof(*sctx));
     sctx->inbound = false;
     sctx->non_blocking = true;
     sctx->skip_http = true; // the GET goes out from request_data_stream once connected
     sctx->timeout_ms = DW_SRC_TMOUT_MS;
-    // The host was judged by name when the request came in; what the name resolves to now is
-    // judged here, address by address, before any of them is connected.
+    sctx->host_addr = addr;
+    // The host was judged by name when the request came in; the address it was looked up to is
+    // judged here, before it is connected.
     sctx->sspec.addr_ok = src_addr_allowed;
     const int fd = usock_open(url, sctx);
+    sctx->host_addr = nullptr;
     if (fd < 0) {
         const int err = errno;
         zlogf(L_ERR, "%s: failed to open [%s]\n", url);
@@ -276,6 +284,48 @@ int connect_to_src(const char* url, usock_ctx* sctx)
     }
     zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
     return fd;
+}
+
+static void answer_client(dw_task* dw);
+
+// Connects the task to its source at `addr` (null: the URL's own host) and waits for the
+// connection to become writable. 0, 13 when the address is refused by src_addr_allowed, or
+// another failure (logged); the caller removes the task.
+static int open_source(dw_task* dw, const char* addr)
+{
+    dw->sfd = connect_to_src(dw->spec.url, addr, &dw->sctx);
+    if (dw->sfd == -1)
+        return errno == EACCES ? 13 : -1;
+    if (const int rc = rqs_add_writer(dw->sfd, dw)) {
+        zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
+        return rc;
+    }
+    set_dw_state(dw, dw_state("ini"));
+    ZASSERT(dw->tag.num == DOW_TAG);
+    return 0;
+}
+
+// The end of the look-up of a task's source host. A name that did not resolve fails the task as
+// an unreachable source always has: the client gets the 500 a failed open gives. A name that
+// resolved to a refused address gets the 403 a refused source gets.
+static void on_src_resolved(void* arg, int status, const char* addr)
+{
+    auto* dw = static_cast<dw_task*>(arg);
+    const group_guard gg(dw);
+    dw->res_wait = nullptr;
+    ZASSERT(dw->tag.num == DOW_TAG && state_is(dw, "res"));
+    int rc = -1;
+    if (status == 0)
+        rc = open_source(dw, addr);
+    else
+        zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+    if (rc == 0)
+        return;
+    if (dw->cfd >= 0) {
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
+        answer_client(dw);
+    }
+    (void)pprm_task(dw);
 }
 
 int mk_dw_task(int cfd, const dw_spec* spec)
@@ -314,19 +364,23 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         }
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
-    dw->sfd = connect_to_src(dw->spec.url, &dw->sctx);
-    if (dw->sfd == -1) {
-        const bool refused = errno == EACCES;
-        free_dw(dw);
-        return refused ? 13 : -1;
+    // A source named by a host name is looked up on the loop first; the task waits in "res".
+    char host[DW_URL_LEN];
+    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
+        !rsv_is_numeric(host)) {
+        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
+        if (!dw->res_wait) {
+            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+            free_dw(dw);
+            return -1;
+        }
+        set_dw_state(dw, dw_state("res"));
+        return 0;
     }
-    if (const int rc = rqs_add_writer(dw->sfd, dw)) {
-        zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
+    if (const int rc = open_source(dw, nullptr)) {
         free_dw(dw);
         return rc;
     }
-    set_dw_state(dw, dw_state("ini"));
-    ZASSERT(dw->tag.num == DOW_TAG);
     return 0;
 }
 
@@ -379,6 +433,10 @@ void free_dw(dw_task* dw)
              static_cast<long>(dw->spec.expiry_tm), dw->spec.lid);
     dw->tag.sym4[0] = '#';
     (void)unhash_task(dw);
+    if (dw->res_wait) {
+        rsv_cancel(dw->res_wait);
+        dw->res_wait = nullptr;
+    }
 
     if (dw->sfd > 0) {
         // A state is only set once the socket was registered; closing alone would leave the
@@ -906,6 +964,18 @@ int complete_download(dw_task* dw)
     return 0;
 }
 
+// Completion of a registration sent on the loop; `arg` is the URL, ours to free. Drops from the
+// waiting queue have their own (rate-limited) lines.
+static void on_lbdb_added(void* arg, int rc, int status)
+{
+    char* url = static_cast<char*>(arg);
+    if (rc && status != LBQ_ST_EXPIRED && status != LBQ_ST_DROPPED)
+        zlog(L_ERR, "%s: failed to add [%s]\n", "add_lbdb_url", url);
+    else if (rc == 0)
+        zlogf(L_DEBUG, "%s: added [%s]\n", url);
+    free(url);
+}
+
 int add_lbdb_url(const dw_spec* spec)
 {
     ZASSERT(g_cfg->seg_url_pfx[0] && spec->dst_path[0]);
@@ -917,6 +987,17 @@ int add_lbdb_url(const dw_spec* spec)
     }
     zlogf(L_INFO, "%s: id=[%s], url=[%s], expiry=%lu\n", spec->dst_path, url,
           static_cast<unsigned long>(spec->expiry_tm));
+    if (lbdb_link_on()) {
+        // On the loop the outcome arrives later; 0 here means the registration was taken.
+        char* copy = strdup(url);
+        if (!copy)
+            log_abort("%s: out of memory\n", __func__);
+        if (lbdb_add_segurl_cb(spec->dst_path, url, spec->expiry_tm, on_lbdb_added, copy) == 0)
+            return 0;
+        free(copy);
+        zlogf(L_ERR, "%s: failed to add [%s]\n", url);
+        return -1;
+    }
     const int rc = lbdb_add_segurl(spec->dst_path, url, spec->expiry_tm);
     if (rc)
         zlogf(L_ERR, "%s: failed to add [%s]\n", url);

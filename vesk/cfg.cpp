@@ -31,6 +31,8 @@ int init_vesk_config(vesk_cfg* cfg)
     cfg->rt.cpunum = 0;
     cfg->max_tasks = 0;
     cfg->task_tmout_ms = D_DW_TMOUT_MS;
+    cfg->resolve_tmout_ms = D_RESOLVE_TMOUT_MS;
+    cfg->lbdb.max_pending = LBQ_D_MAX_PENDING;
     // Listeners given only with -w/-W must still accept connections: without a web_input group
     // nothing else would set the accept batch.
     cfg->rui.max_accept = D_MAX_ACCEPT;
@@ -203,6 +205,18 @@ int load_config(vesk_cfg* cfg, int is_reload)
     cfg->max_tasks = static_cast<size_t>(lookup_int(lc, "vesk.max_tasks", D_MAX_TASKS));
     cfg->task_tmout_ms = static_cast<size_t>(lookup_int(lc, "vesk.task_tmout_ms", D_DW_TMOUT_MS));
     cfg->max_mmap_mb = static_cast<size_t>(lookup_int(lc, "vesk.max_mmap_mb", D_MAX_MMAP_MB));
+    const int rsv_ms = lookup_int(lc, "vesk.resolve_tmout_ms", D_RESOLVE_TMOUT_MS);
+    const config_setting_t* rsv_set = config_lookup(lc, "vesk.resolve_tmout_ms");
+    if (rsv_set && config_setting_type(rsv_set) != CONFIG_TYPE_INT) {
+        zlogf(L_ERR, "%s: %s must be an integer\n", "vesk.resolve_tmout_ms");
+        return -1;
+    }
+    if (rsv_ms < 1 || rsv_ms > 600000) {
+        zlogf(L_ERR, "%s: invalid %s value: %d (allowed 1..600000)\n", "vesk.resolve_tmout_ms",
+              rsv_ms);
+        return -1;
+    }
+    cfg->resolve_tmout_ms = rsv_ms;
 
     if (const config_setting_t* st = config_lookup(lc, "vesk.end_stalled_tasks")) {
         if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
@@ -278,6 +292,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
     fprintf(stream, "\tmmap up to           = %zu MB\n", cfg->max_mmap_mb);
     if (cfg->seg_url_pfx[0])
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
+    if (cfg->resolve_tmout_ms != D_RESOLVE_TMOUT_MS)
+        fprintf(stream, "\tlook-up time-out     = %ld ms\n", cfg->resolve_tmout_ms);
     dump_acl(stream, "allowed clients", &cfg->allow_clients);
     dump_acl(stream, "allowed sources", &cfg->allow_sources);
     dump_acl(stream, "denied sources", &cfg->deny_sources);
@@ -290,6 +306,10 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
                 static_cast<long>(cfg->lbdb.tmout.tv_sec),
                 static_cast<long>(cfg->lbdb.tmout.tv_usec));
         fprintf(stream, "\tSHA1 directory         = %s\n", cfg->lbdb.sha1_path);
+        fprintf(stream, "\tCommand timeout        = %ld ms\n", lbdb_cmd_tmout_ms(&cfg->lbdb));
+        fprintf(stream, "\tReconnect              = %ld ms%s\n", cfg->lbdb.reconnect_ms,
+                cfg->lbdb.reconnect_ms > 0 ? "" : " (off)");
+        fprintf(stream, "\tMax pending            = %ld\n", cfg->lbdb.max_pending);
     }
     fputs(k_dump_rule, stream);
 }

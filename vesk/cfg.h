@@ -20,6 +20,7 @@ enum : size_t {
     D_MAX_LOGSZ = 8,
     D_DW_TMOUT_MS = 5000,
     D_MAX_MMAP_MB = 8,
+    D_RESOLVE_TMOUT_MS = 5000, // the system resolver's own time-out per try
     DOOR_INDEX = 0,
 };
 
@@ -45,6 +46,7 @@ struct vesk_cfg {
     bool end_stalled_tasks; // a task without I/O for task_tmout_ms ends (504 to its client)
     size_t max_mmap_mb;    // larger destination files are written through a buffer
     char seg_url_pfx[128]; // local URL prefix of downloaded segments
+    long resolve_tmout_ms; // bound of one look-up of a source host name
     lbdb_cfg lbdb;         // lbdb.port 0: no database
     acl_list allow_clients; // peers that may send requests; empty: everyone
     acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all

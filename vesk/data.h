@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include "gkh.h"
+#include "rsv.h"
 #include "rui.h"
 #include "webops.h"
 #include "wopen.h"
@@ -74,7 +75,8 @@ struct dw_task {
     size_t buflen;         // length of buf
     uint8_t* buf;          // the mapped destination while is_mmapped, else null
     timespec last_io_tm;   // last I/O on the source socket
-    n32_tag state;         // empty, "ini", "rsp" or "dnl"
+    n32_tag state;         // empty, "res" (host name being looked up), "ini", "rsp" or "dnl"
+    rsv_wait* res_wait;    // the look-up of the source host while in "res", else null
     http_response* hresp;  // canned answer chosen for the client
     bool is_hashed;        // present in vesk_ctx::task_ht
     bool is_mmapped;
@@ -137,6 +139,7 @@ struct vesk_ctx {
     timespec last_tmout_check;
     timespec last_rq_check; // set at start, not otherwise used
     timespec last_task_check; // last walk of the tasks for stalled ones
+    bool rsv_on;              // source host names are looked up on the loop
 };
 
 extern vesk_ctx g_ctx;

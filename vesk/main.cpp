@@ -14,8 +14,11 @@
 
 #include "app.h"
 #include "cfg.h"
+#include "check.h"
 #include "data.h"
 #include "fdio.h"
+#include "ioh.h"
+#include "lbquery.h"
 #include "log.h"
 #include "meta.h"
 #include "rq.h"
@@ -38,24 +41,39 @@ constexpr size_t CWD_BUF = 256;
 // Debug levels pushed by SIGUSR2 and not yet popped.
 bool s_dbg_pushed = false;
 
+// -t/--check: load and check the configuration, then exit instead of starting.
+bool s_check_only = false;
+
+// Ends a failed command line or configuration with status 1; in check mode the verdict line
+// follows whatever the failing step printed.
+[[noreturn]] void config_failed()
+{
+    if (s_check_only)
+        fprintf(stderr, "configuration check FAILED\n");
+    exit(1);
+}
+
 constexpr const char* k_default_configs[] = {
     "./vsk.conf",      "/etc/vsk.conf",      "/usr/local/etc/vsk.conf",
     "./torbella.conf", "/etc/torbella.conf", "/usr/local/etc/torbella.conf",
 };
 
-// A leading ':' makes getopt report a missing argument as ':' rather than '?', so that '?' is
-// left to mean the help option or an unknown one.
-constexpr const char* k_optstring = ":0hVqTC:l:L:p:P:D:w:W:U:?";
+// A leading ':' makes getopt report a missing argument as ':' rather than '?'. "-?" is left out
+// of the table on purpose: glibc then reports it as an unknown option and sets optopt to '?' every
+// time, which tells it apart from a real unknown option wherever it stands. A '?' listed in the
+// table would come back with whatever optopt an earlier option had left behind.
+constexpr const char* k_optstring = ":0hVqtTC:l:L:p:P:D:w:W:U:";
 
 const struct option k_long_options[] = {
     {"default", no_argument, nullptr, '0'},  {"help", no_argument, nullptr, 'h'},
-    {"options", no_argument, nullptr, '?'},  {"version", no_argument, nullptr, 'V'},
+    {"options", no_argument, nullptr, 'h'},  {"version", no_argument, nullptr, 'V'},
     {"quiet", no_argument, nullptr, 'q'},    {"term", no_argument, nullptr, 'T'},
-    {"config", required_argument, nullptr, 'C'}, {"logfile", required_argument, nullptr, 'l'},
-    {"level", required_argument, nullptr, 'L'},  {"pidfile", required_argument, nullptr, 'p'},
-    {"cpu", required_argument, nullptr, 'P'},    {"dataroot", required_argument, nullptr, 'D'},
-    {"webrq", required_argument, nullptr, 'w'},  {"webrq6", required_argument, nullptr, 'W'},
-    {"udpcha", required_argument, nullptr, 'U'}, {nullptr, 0, nullptr, 0},
+    {"check", no_argument, nullptr, 't'},    {"config", required_argument, nullptr, 'C'},
+    {"logfile", required_argument, nullptr, 'l'}, {"level", required_argument, nullptr, 'L'},
+    {"pidfile", required_argument, nullptr, 'p'}, {"cpu", required_argument, nullptr, 'P'},
+    {"dataroot", required_argument, nullptr, 'D'}, {"webrq", required_argument, nullptr, 'w'},
+    {"webrq6", required_argument, nullptr, 'W'},   {"udpcha", required_argument, nullptr, 'U'},
+    {nullptr, 0, nullptr, 0},
 };
 
 const rqs_config k_rqs_cfg = {
@@ -73,10 +91,22 @@ const rqs_config k_rqs_cfg = {
     0, // quit_on_zero_fds
 };
 
-// "-?" is the help option; any other '?' from getopt is an unknown option.
+// -h, --help, --options, and "-?" (which getopt reports as the unknown option '?').
 bool is_help_request(int c)
 {
     return c == 'h' || (c == '?' && optopt == '?');
+}
+
+// The word of an unknown option for its message: the short letter, or the whole long word, which
+// getopt leaves at argv[optind - 1] (optopt is 0 for a long one).
+void report_unknown_option(int c, char** argv)
+{
+    if (optopt)
+        fprintf(stderr, "Unknown option: %c\n", optopt);
+    else if (optind > 0 && argv[optind - 1])
+        fprintf(stderr, "Unknown option: %s\n", argv[optind - 1]);
+    else
+        fprintf(stderr, "Unknown option: %c\n", c);
 }
 
 // Copies a path argument into a fixed field, refusing one that would not fit.
@@ -105,7 +135,7 @@ bool parse_cpu_arg(const char* arg, int* cpunum)
 }
 
 // One option of the second pass; false ends the process with status 1.
-bool apply_option(int c, const char* arg)
+bool apply_option(int c, const char* arg, char** argv)
 {
     vesk_cfg* cfg = g_cfg;
     switch (c) {
@@ -113,6 +143,7 @@ bool apply_option(int c, const char* arg)
     case 'C':
     case 'V':
     case 'h':
+    case 't':
         return true; // handled by the first pass
     case 'q':
         // Again here: the runtime section of the file has reset what the first pass set.
@@ -148,16 +179,17 @@ bool apply_option(int c, const char* arg)
     case ':':
         fprintf(stderr, "Missing argument for option: %c\n", optopt ? optopt : '?');
         return false;
-    case '?':
-        if (optopt == '?')
-            return true;
-        [[fallthrough]];
     default:
-        fprintf(stderr, "Unknown option: %c\n", optopt ? optopt : c);
+        report_unknown_option(c, argv);
         return false;
     }
 }
 
+// The first candidate that exists and is not a directory. Skipping a directory departs from the
+// plain "first that exists" on purpose: a directory can never be read as a configuration, and
+// stopping at it would only turn a stray ./vsk.conf directory into a parse error that hides the
+// installed file. The file actually read is logged at start ("Config read from") and printed by
+// --check.
 const char* pick_default_config()
 {
     return pick_first_file(k_default_configs,
@@ -192,6 +224,7 @@ void usage(int status)
           "  -T|--term                  stay in the foreground\n"
           "  -V|--version               print the version and exit\n"
           "  -q|--quiet                 do not mirror the log to the terminal\n"
+          "  -t|--check                 check the configuration and exit (0 when OK)\n"
           "  -h|?                       print this text\n",
           stderr);
     dump_build_info(stderr);
@@ -221,13 +254,19 @@ int setup_config(int argc, char** argv)
             config_path = optarg;
         else if (c == 'q')
             cfg->rt.quiet = true;
+        else if (c == 't')
+            s_check_only = true;
     }
     if (!config_path) {
         fprintf(stderr, "Invalid or unspecified config [%s], please use -C path\n", "");
+        if (s_check_only)
+            config_failed();
         usage(1);
     }
+    if (s_check_only)
+        fprintf(stderr, "checking configuration [%s]\n", config_path);
     if (load_vesk_config(config_path, cfg, 0) != 0)
-        exit(1);
+        config_failed();
 
     reset_getopt_state();
     opterr = 0;
@@ -236,11 +275,21 @@ int setup_config(int argc, char** argv)
         cfg->rt.non_daemon = true;
 
     while ((c = getopt_long(argc, argv, k_optstring, k_long_options, nullptr)) != -1) {
-        if (!apply_option(c, optarg))
-            exit(1);
+        if (!apply_option(c, optarg, argv))
+            config_failed();
     }
     if (validate_config(cfg) != 0)
-        exit(1);
+        config_failed();
+    return 0;
+}
+
+int check_only()
+{
+    if (chk_config(g_cfg) != 0) {
+        fprintf(stderr, "configuration check FAILED\n");
+        return 1;
+    }
+    fprintf(stderr, "configuration OK\n");
     return 0;
 }
 
@@ -359,6 +408,11 @@ int runtime_setup()
 int app_start()
 {
     int rc = rqs_init(&k_rqs_cfg);
+    // The registry's start-up connection has been checked; from here on it runs on the loop.
+    if (rc == 0 && g_cfg->lbdb.port > 0)
+        rc = lbdb_link_start();
+    if (rc == 0 && (rc = rsv_init(g_cfg->resolve_tmout_ms)) == 0)
+        g_ctx.rsv_on = true;
     if (rc == 0)
         rc = rui_ctx_start(&g_ctx.rui);
     if (rc == 0 && g_cfg->udp_cha.url[0])
@@ -430,6 +484,8 @@ int on_read(int fd, int err, void* udata, void* aux)
     }
     case RSC_TAG:
         return on_srv_accept(fd, err, static_cast<rui_socket_ctx*>(udata), aux);
+    case IOH_TAG:
+        return ioh_dispatch(udata, RQS_READ, err);
     case UDL_TAG:
         log_set_group(g_log, "uDl");
         return udl_accept(static_cast<udl_ctx*>(udata));
@@ -453,6 +509,8 @@ int on_write(int fd, int err, void* udata, void* aux)
     zlogf(L_DEBUG, "%s: %s [%s] (%p) err=%d\n", err_word(err), tag->sym4, udata, err);
     if (tag->num == DOW_TAG)
         return dw_write(static_cast<dw_task*>(udata));
+    if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, RQS_WRITE, err);
     zlogf(L_PANIC, "%s: tag=[%s] err=%d, udata=%p, aux=%p - why are we here?\n", tag->sym4, err,
           udata, aux);
     log_backtrace("Aborting");
@@ -470,6 +528,8 @@ int on_error(int fd, int err, void* udata, void* aux)
         urq_error(static_cast<dw_urq*>(udata), is_hup);
     else if (tag->num == RSC_TAG)
         rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), is_hup);
+    else if (tag->num == IOH_TAG)
+        return ioh_dispatch(udata, 0, err);
     return 0;
 }
 
@@ -547,6 +607,11 @@ int vsk_main(int argc, char** argv)
     log_set_modules(g_log, cfg->log.level);
     if (sysw_debug && strcmp(sysw_debug, "1") == 0)
         log_set_module_level(LOG_MOD_SYSWRAP, L_DEBUG);
+    if (s_check_only) {
+        const int rc = check_only();
+        log_close(g_log);
+        return rc;
+    }
 
     int status = runtime_setup();
     if (status == 0) {

@@ -7,8 +7,12 @@
 extern const char* const g_app_name;
 
 // Parses the command line around the loading of the configuration file. Exits the process with
-// status 1 on any failure of either; returns 0 otherwise.
+// status 1 on any failure of either (printing "configuration check FAILED" last in check mode);
+// returns 0 otherwise.
 int setup_config(int argc, char** argv);
+// Check mode (-t/--check) after setup_config: runs the configuration checks, prints
+// "configuration OK" or the failure to standard error; the exit status, 0 or 1.
+int check_only();
 // Daemon mode, log file, pid file, user, working directory, CPU and core dumps; 0 or a failure code.
 int runtime_setup();
 // Starts the event loop, the listeners and the UDP channel; the first failure stops the sequence.

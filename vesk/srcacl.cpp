@@ -2,20 +2,17 @@
 #include "srcacl.h"
 
 #include <arpa/inet.h>
-#include <cstring>
 #include <netinet/in.h>
 
 #include "acl.h"
 #include "cfg.h"
+#include "data.h"
 #include "log.h"
-#include "uri.h"
+#include "wopen.h"
 
 LOG_MODULE(0, -1);
 
 namespace {
-
-// A source URL is at most 127 characters, so none of its pieces needs more.
-constexpr size_t PIECE_SIZE = 256;
 
 bool addr16_allowed(const uint8_t addr[16], const char** why)
 {
@@ -38,15 +35,10 @@ int src_url_allowed(const char* url)
     if (acl_is_empty(allow) && acl_is_empty(&g_cfg->deny_sources))
         return 0;
 
-    // The host is taken apart exactly as the socket opener will take it apart, so that no
-    // spelling of a URL can mean one host here and another one there.
-    char path[PIECE_SIZE];
-    char src[PIECE_SIZE];
-    char query[PIECE_SIZE];
-    char host[PIECE_SIZE] = "";
-    char port[PIECE_SIZE] = "";
-    if (uri_extract(url, path, sizeof path, src, sizeof src, query, sizeof query) == URI_BAD ||
-        !path_parse(path, std::strlen(path), host, sizeof host, port, sizeof port) || !host[0]) {
+    // The host is taken apart by the same function the resolver and the socket opener use, so
+    // that no spelling of a URL can mean one host here and another one there.
+    char host[DW_URL_LEN];
+    if (usock_url_host(url, host, sizeof host) != 0) {
         zlogf(L_ERR, "%s: source [%s] refused: no host can be read from it\n", url);
         return 13;
     }

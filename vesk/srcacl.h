@@ -1,6 +1,6 @@
 // Which sources the agent may fetch from: the host of a source URL is judged against
-// vesk.allow_sources and vesk.deny_sources before any task, file or connection exists, and every
-// address a host name resolves to is judged again just before it is connected.
+// vesk.allow_sources and vesk.deny_sources before any task, file or connection exists, and the
+// address a host name is looked up to is judged again just before it is connected.
 #pragma once
 #include <sys/socket.h>
 

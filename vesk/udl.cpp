@@ -100,6 +100,7 @@ int udl_accept(udl_ctx* udl)
     char* url = nullptr;
     time_t expiry = 0;
     int rc = 0;
+    bool locked = false;
 
     // One datagram per event; the steps below each end the order on failure, and every failure
     // is reported once at the end.
@@ -146,6 +147,7 @@ int udl_accept(udl_ctx* udl)
         }
         if (rc != 0)
             break;
+        locked = true;
 
         dw_spec spec{};
         rc = parse_url(url, lid, &spec);
@@ -171,7 +173,9 @@ int udl_accept(udl_ctx* udl)
         return 0;
     zlogf(L_ERR, "%s: [%s] request failed; url=[%s], rc=%d\n", lid ? lid : "",
           url ? url : "(null)", rc);
-    if (lid)
+    // Only a lock this order took is released. One that lid_lock refused was reported there
+    // already, and removing its path could take away the lock another agent holds meanwhile.
+    if (locked)
         lid_unlock(lid);
     return 0;
 }

@@ -158,6 +158,8 @@ inline bool log_wants(const log_llctx* llc, int level)
 [[gnu::format(printf, 3, 4)]] void log_emit(const log_llctx* llc, int level, const char* format,
                                             ...);
 
+// Closes the file or pipe (never standard output or error), syslog, and drops the mirror stream
+// after flushing it; later records go to standard error.
 void log_close(log_ctx* log);
 int read_level_env(const char* name, int dflt);
 // The call stack as "#%d: %s\n" lines; 0, or -1 when it cannot be captured.

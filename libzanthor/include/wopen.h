@@ -33,6 +33,8 @@ struct usock_ctx {
     int timeout_ms;       // send (or, inbound, receive) time-out of a blocking socket; 0: none
     int url_kind;         // URI_* kind of the URL
     socket_spec sspec;    // handed to open_socket; `family` may be preset by the user
+    const char* host_addr; // numeric address to use instead of the URL's host (already looked
+                           // up), or null; read by usock_open only
     char* url_path;       // owned copy of the URL's path part
     ifc_info* mifc;       // owned multicast interface record
     char* buf;            // owned response buffer (TCP, HTTP): `bufcap` bytes, `buflen` used
@@ -64,6 +66,9 @@ struct http_request {
 // the GET is sent and the response head read at once (blocking); the body bytes received with it
 // are left at the start of `uc->buf` (`uc->buflen` of them).
 int usock_open(const char* url, usock_ctx* uc);
+// The host part of a network URL into `host` (`hostlen` bytes): 0, or -1 when the URL is not a
+// network URL or has no host that fits.
+int usock_url_host(const char* url, char* host, size_t hostlen);
 // Leaves a joined multicast group, frees the context's allocations and closes `fd` when it is not
 // negative. The context can then be opened again.
 void usock_close(int fd, usock_ctx* uc);

@@ -471,6 +471,17 @@ static int clear_record(record* r)
         return clear_record(r);
     }
     r->len += static_cast<size_t>(n);
+    // Some established messages (an unknown address family, a sendfile failure) are written
+    // without a line end; the record ends its line anyway so that the next record starts on its
+    // own line. A record that fills the buffer gives up its last character for it.
+    if (r->len > 0 && r->text[r->len - 1] != '\n') {
+        if (r->len == LOG_OUTBUF_USABLE)
+            --r->len;
+        else
+            ++n;
+        r->text[r->len++] = '\n';
+        r->text[r->len] = '\0';
+    }
     return n;
 }
 
@@ -617,6 +628,12 @@ void log_close(log_ctx* log)
     if (log->syslg.enabled) {
         closelog();
         log->syslg.enabled = false;
+    }
+    // The mirror belongs to the caller, who may close it next: a record written after the close
+    // must not reach it.
+    if (log->mirror_fp) {
+        fflush(log->mirror_fp);
+        log->mirror_fp = nullptr;
     }
     log->lh = nullptr;
 }

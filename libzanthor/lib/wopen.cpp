@@ -81,6 +81,21 @@ int get_http_response(int fd, usock_ctx* uc)
 
 } // namespace
 
+int usock_url_host(const char* url, char* host, size_t hostlen)
+{
+    char path[UPATH_SIZE];
+    char src[USRC_SIZE];
+    char query[UQUERY_SIZE];
+    const int kind = uri_extract(url, path, sizeof path, src, sizeof src, query, sizeof query);
+    if (kind == URI_BAD || kind <= URI_FILE || kind > URI_HTTP)
+        return -1;
+    char port[PORT_SIZE] = "";
+    host[0] = '\0';
+    if (!uri_path_addrport(path, std::strlen(path), host, hostlen, port, sizeof port))
+        return -1;
+    return host[0] ? 0 : -1;
+}
+
 void usock_set_apptag(const char* apptag)
 {
     snprintf(g_apptag, sizeof g_apptag, "%s", apptag ? apptag : "");
@@ -151,7 +166,8 @@ int usock_open(const char* url, usock_ctx* uc)
             }
         }
 
-        fd = open_socket(host[0] ? host : nullptr, port, auth, &uc->sspec, uc->ifc_tag, &uc->mifc);
+        const char* node = uc->host_addr ? uc->host_addr : (host[0] ? host : nullptr);
+        fd = open_socket(node, port, auth, &uc->sspec, uc->ifc_tag, &uc->mifc);
         if (fd < 0)
             goto fail;
     }

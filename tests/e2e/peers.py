@@ -309,6 +309,17 @@ class BadSource:
         assert not any(t.is_alive() for t in threads), "bad_source connection thread did not end"
 
 
+def recv_head(sock):
+    """Bytes received until the end of an HTTP head (or until the peer closed)."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        chunk = sock.recv(4096)
+        if not chunk:
+            break
+        data += chunk
+    return data
+
+
 def udp_send(host, port, payload: bytes):
     """Sends one IPv4 datagram."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:

@@ -58,6 +58,12 @@ def no_unfinished(root):
     return [f for f in files_under(root) if f.endswith("-Vesk")]
 
 
+def files_settle(root, expected):
+    """Waits for the files under `root` to be `expected`: a task logs its end before it removes
+    its unfinished file."""
+    wait_until(f"files {expected}", lambda: sorted(files_under(root)) == expected, timeout=5)
+
+
 def cpu_seconds(pid):
     fields = open(f"/proc/{pid}/stat").read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
@@ -112,7 +118,7 @@ def test_disk_already_full_fails_the_download_cleanly(agent, nginx):
     assert_answers(agent)
     log = agent.log()
     assert "posix_fallocate(" in log and "ERROR(28): No space left on device" in log
-    assert files_under(data) == ["filler"]
+    files_settle(data, ["filler"])
     assert wait_fds(agent.proc.pid, idle) == idle
     assert log_lines(agent) - lines < LOG_LINES_MAX
     assert_quits_within(agent)
@@ -134,7 +140,7 @@ def test_disk_filling_during_a_download(agent, bad_source):
     # The next one finds no room and is refused without a trace on the disk.
     ask(agent, bad_source.url("late.ts"), "late.ts", expect=(500, "Service error"))
     agent.wait_for_log(r"TASK-END ", count=2)
-    assert sorted(files_under(data)) == ["filler", "slow.ts"]
+    files_settle(data, ["filler", "slow.ts"])
     assert wait_fds(agent.proc.pid, idle) == idle
     assert log_lines(agent) - lines < LOG_LINES_MAX
     assert_quits_within(agent)
@@ -150,7 +156,7 @@ def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
     ask(agent, nginx.url("big.ts"), "big.ts", expect=(500, "Service error"))
     agent.wait_for_log(r"TASK-END ")
     assert "ERROR(27): File too large" in agent.log()
-    assert files_under(agent.data_dir) == []
+    files_settle(agent.data_dir, [])
     assert_answers(agent)
     assert wait_fds(agent.proc.pid, idle) == idle
     assert_quits_within(agent)
@@ -205,7 +211,7 @@ def test_stalled_tasks_end(agent, bad_source, nginx, case):
         if held:
             for s in held:
                 s.close()
-    assert files_under(agent.data_dir) == []
+    files_settle(agent.data_dir, [])
     # The slot is free again.
     ask(agent, nginx.url("ok.ts"), "ok.ts")
     # The answer goes out with the head; the file is in place once the body is.

@@ -235,6 +235,8 @@ def test_unit_matches_the_configuration(unpacked):
     unit = unit_settings((unpacked / "usr/lib/systemd/system/vsk.service").read_text())
     conf = (unpacked / "etc/vsk/vsk.conf").read_text()
     assert unit["Restart"] == ["on-failure"] and unit["User"] == ["vsk"]
+    # The start is preceded by a check of the very configuration it runs.
+    assert unit["ExecStartPre"] == [unit["ExecStart"][0] + " -t"], unit["ExecStartPre"]
     assert "DynamicUser" not in unit
     # Enough descriptors for the configured task limit: four per task and 64 more.
     max_tasks = int(re.search(r"^\s*max_tasks = (\d+);", conf, re.M).group(1))
@@ -262,7 +264,7 @@ def test_unit_verifies(unpacked, tmp_path):
     # verify checks for.
     text = (unpacked / "usr/lib/systemd/system/vsk.service").read_text()
     unit = tmp_path / "vsk.service"
-    unit.write_text(text.replace("ExecStart=/usr/sbin/vsk", f"ExecStart={unpacked}/usr/sbin/vsk"))
+    unit.write_text(text.replace("=/usr/sbin/vsk", f"={unpacked}/usr/sbin/vsk"))
     r = subprocess.run(["systemd-analyze", "verify", "--man=no", str(unit)],
                        capture_output=True, text=True, timeout=60)
     assert r.returncode == 0 and not r.stderr.strip(), r.stderr

@@ -8,6 +8,7 @@ import socket
 import pytest
 
 from conftest import free_port
+from peers import recv_head
 
 PING = b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n"  # above the 32-byte low-water mark
 NO_CONTENT = b"HTTP/1.1 204 No Content\r\n"
@@ -19,13 +20,7 @@ def ping(family, address, timeout=5):
         s.settimeout(timeout)
         s.connect(address)
         s.sendall(PING)
-        data = b""
-        while b"\r\n\r\n" not in data:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            data += chunk
-        return data
+        return recv_head(s)
 
 
 def refused(family, address):
@@ -148,3 +143,20 @@ def test_udp_listener(agent):
     assert agent.log().count("datagram(s) dropped") == 1
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
         s.bind(("127.0.0.1", port))
+
+
+def test_failed_listener_start_names_the_listeners_left_unstarted(agent):
+    """The second of three listeners finds its port taken: start-up ends, and the log says which
+    listeners never got a socket, not only the one that failed."""
+    ports = [agent.port, free_port(), free_port()]
+    agent.vesk["web_input"] = [{"alias": f"web-{i}", "ifc": "lo", "port": p, "default_af": "ipv4"}
+                               for i, p in enumerate(ports)]
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", ports[1]))
+        taken.listen(1)
+        agent.start(wait_for=None)
+        assert agent.wait_exit() != 0
+    log = agent.log()
+    assert "rui_ctx_start: [user] listener[web-1] not started\n" in log, log[-3000:]
+    assert "rui_ctx_start: [user] listener[web-2] not started\n" in log
+    assert "listener[web-0] not started" not in log

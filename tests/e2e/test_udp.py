@@ -10,6 +10,7 @@ import pytest
 
 from conftest import Agent, free_port
 from peers import Nginx, udp_send, udp_send_mcast
+from test_download import registered
 
 GROUP = "239.255.42.17"  # an IPv4 group joined on "lo"; IPv6 multicast does not run on this lo
 
@@ -325,13 +326,13 @@ def test_local_url_with_db_is_registered(agent, nginx, redis):
                 r"add_lbdb_url: id=\[live/b\.ts\]")
     assert "adding local URL to LBDB" in text and f"url=[{prefix}/live/b.ts], expiry=600" in text
     assert "TASK-START" not in text and "request failed;" not in text and "failed to add" not in text
-    assert redis.cli("ZRANGE", "live/b.ts", 0, -1).split() == [f"{prefix}/live/b.ts"]
+    assert list(registered(redis, "live/b.ts")) == [f"{prefix}/live/b.ts"]
     assert 0 < int(redis.cli("TTL", "live/b.ts")) <= 600
     # An order that is downloaded is registered under its local URL as well, without expiry.
     send(agent, order("dbdl1", dl_url(agent, nginx.url("c.ts"), "live/c.ts"), "0"),
          r"lid_unlock: dbdl1 at \[")
     assert (agent.data_dir / "live/c.ts").read_bytes() == payload
-    assert redis.cli("ZRANGE", "live/c.ts", 0, -1).split() == [f"{prefix}/live/c.ts"]
+    assert list(registered(redis, "live/c.ts")) == [f"{prefix}/live/c.ts"]
     assert lock_files(agent.lock_dir) == ["dbloc1.lock"]
 
 
@@ -357,3 +358,22 @@ def test_bad_datagrams_never_stop_the_channel(agent, nginx, tmp_path):
     wait_until("the failing downloads to release their locks", lambda: lock_files(a.lock_dir) == [])
     assert os.listdir(a.data_dir) == ["ok.ts"]
     assert [p for p in tmp_path.rglob("*") if p.name.endswith(".lock") or "outside" in p.name] == []
+
+
+# id -> (lock directory under the agent's, lock id, the one line that reports why the lock was
+# not taken). A lock the order never took is neither reported twice nor removed.
+UNTAKEN = {
+    "slash-in-lid": ("lock", "../../escape", r"lid_lock: invalid lock id \[\.\./\.\./escape\]"),
+    "lock-dir-gone": ("nolock", "seg0500", r"lid_lock: open\(.*/nolock/seg0500\.lock,\.\.\.\) ERROR\(2\)"),
+}
+
+
+@pytest.mark.parametrize("case", list(UNTAKEN))
+def test_lock_not_taken_is_reported_once_and_not_released(agent, nginx, case):
+    lock_dir, lid, reason = UNTAKEN[case]
+    nginx.put("u.ts", b"u" * 1000)
+    with_channel(agent, lock_dir=agent.dir / lock_dir).start()
+    text = send(agent, order(lid, dl_url(agent, nginx.url("u.ts"), "u.ts")), r"request failed;")
+    assert len(re.findall(reason, text)) == 1, text
+    assert "lid_unlock" not in text and "unlink(" not in text, text
+    assert "TASK-START" not in text and os.listdir(agent.data_dir) == []

@@ -83,7 +83,20 @@ TEST_F(CfgTest, KeyTableDefaultsAndDumps)
     EXPECT_TRUE(contains(dump(), "\tlocal URL prefix     = http://h/seg\n\n"
                                  "Load-balancer DB: 127.0.0.1:6379\n"
                                  "\tConnect timeout        = 1.500000 sec\n"
-                                 "\tSHA1 directory         = /opt/lua\n"))
+                                 "\tSHA1 directory         = /opt/lua\n"
+                                 "\tCommand timeout        = 1500 ms\n"
+                                 "\tReconnect              = 0 ms (off)\n"
+                                 "\tMax pending            = 10000\n"))
+        << dump();
+    EXPECT_EQ(cfg.resolve_tmout_ms, 5000);
+    ASSERT_EQ(load(conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; cmd_tmout_ms = 250; "
+                        "reconnect_ms = 100; max_pending = 0; }; local_url_prefix = \"http://h/\"; "
+                        "resolve_tmout_ms = 700;")),
+              0) << out;
+    EXPECT_TRUE(contains(dump(), "\tlook-up time-out     = 700 ms\n")) << dump();
+    EXPECT_TRUE(contains(dump(), "\tCommand timeout        = 250 ms\n"
+                                 "\tReconnect              = 100 ms\n"
+                                 "\tMax pending            = 0\n"))
         << dump();
 }
 
@@ -100,6 +113,16 @@ TEST_F(CfgTest, RefusedFiles)
          "load_config: vesk.local_url_prefix must be set for lbdb-enabled mode\n"},
         {conf("lbdb: { host = \"h\"; port = 6379; sha1_dir = \"/d\"; }; local_url_prefix = \"/\";"),
          "load_config: vesk.local_url_prefix must be set for lbdb-enabled mode\n"},
+        {conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; cmd_tmout_ms = 0; };"),
+         "load_lbdb_cfg: invalid lbdb.cmd_tmout_ms value: 0 (allowed 1..3600000)\n"},
+        {conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; reconnect_ms = -5; };"),
+         "load_lbdb_cfg: invalid lbdb.reconnect_ms value: -5 (allowed 0..3600000)\n"},
+        {conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; max_pending = \"many\"; };"),
+         "load_lbdb_cfg: lbdb.max_pending must be an integer\n"},
+        {conf("resolve_tmout_ms = 0;"),
+         "load_config: invalid vesk.resolve_tmout_ms value: 0 (allowed 1..600000)\n"},
+        {conf("resolve_tmout_ms = \"5s\";"),
+         "load_config: vesk.resolve_tmout_ms must be an integer\n"},
     };
     for (const auto& [text, message] : rows) {
         EXPECT_EQ(load(text), -1) << text;

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "lbquery.h"
 #include "test_support.h"
@@ -220,3 +221,101 @@ TEST_F(LbdbTest, ScriptsKeepExpiriesAndTheCursorInStep)
 }
 
 } // namespace
+
+// ---- The queue of commands waiting for the link, and the reconnection delay. ----
+
+namespace {
+
+struct queued {
+    std::vector<lbdb_cmd> cmds;
+    explicit queued(std::initializer_list<time_t> expiries)
+    {
+        for (const time_t e : expiries) {
+            lbdb_cmd c{};
+            c.expire_at = e;
+            snprintf(c.label, sizeof(c.label), "c%zu", cmds.size());
+            cmds.push_back(c);
+        }
+    }
+};
+
+std::string labels(lbdb_pqueue* q)
+{
+    std::string s;
+    while (lbdb_cmd* c = lbdb_pq_pop(q))
+        s += std::string(s.empty() ? "" : " ") + c->label;
+    return s;
+}
+
+} // namespace
+
+TEST(LbdbQueue, KeepsOrderAndDropsTheOldestWhenFull)
+{
+    queued in({0, 0, 0, 0, 0});
+    lbdb_pqueue q;
+    lbdb_pq_init(&q, 3);
+    std::string dropped;
+    for (lbdb_cmd& c : in.cmds)
+        if (lbdb_cmd* old = lbdb_pq_push(&q, &c))
+            dropped += std::string(dropped.empty() ? "" : " ") + old->label;
+    EXPECT_EQ(dropped, "c0 c1");
+    EXPECT_EQ(q.len, 3u);
+    EXPECT_EQ(labels(&q), "c2 c3 c4");
+    EXPECT_EQ(q.len, 0u);
+    EXPECT_EQ(lbdb_pq_pop(&q), nullptr);
+
+    // No room at all: every command is refused at once, itself.
+    lbdb_pq_init(&q, 0);
+    EXPECT_EQ(lbdb_pq_push(&q, &in.cmds[0]), &in.cmds[0]);
+    EXPECT_EQ(q.len, 0u);
+}
+
+TEST(LbdbQueue, ExpiredCommandsLeaveInOrderFromAnywhere)
+{
+    // 0 never expires; the rest expire after their second.
+    queued in({100, 0, 99, 200, 101, 100});
+    lbdb_pqueue q;
+    lbdb_pq_init(&q, 10);
+    for (lbdb_cmd& c : in.cmds)
+        ASSERT_EQ(lbdb_pq_push(&q, &c), nullptr);
+    std::string gone;
+    auto drop = [](lbdb_cmd* c, void* aux) {
+        auto* s = static_cast<std::string*>(aux);
+        *s += std::string(s->empty() ? "" : " ") + c->label;
+    };
+    EXPECT_EQ(lbdb_pq_drop_expired(&q, 100, drop, &gone), 1u);
+    EXPECT_EQ(gone, "c2");
+    gone.clear();
+    EXPECT_EQ(lbdb_pq_drop_expired(&q, 101, drop, &gone), 2u);
+    EXPECT_EQ(gone, "c0 c5");
+    EXPECT_EQ(labels(&q), "c1 c3 c4");
+
+    EXPECT_FALSE(lbdb_cmd_expired(&in.cmds[1], 1L << 40));
+    EXPECT_FALSE(lbdb_cmd_expired(&in.cmds[0], 100));
+    EXPECT_TRUE(lbdb_cmd_expired(&in.cmds[0], 101));
+}
+
+TEST(LbdbQueue, ExpiryOfARegistrationFollowsTheScript)
+{
+    const time_t now = 1800000000;
+    const std::tuple<time_t, time_t> rows[] = {
+        {0, 0}, {-5, 0}, {1, now + 1}, {2592000, now + 2592000}, {2592001, 2592001},
+        {now - 10, now - 10}, {4000000000, 4000000000},
+    };
+    for (const auto& [expiry, at] : rows)
+        EXPECT_EQ(lbdb_expire_at(expiry, now), at) << expiry;
+}
+
+TEST(LbdbBackoff, DoublesUpToTheCapAndStartsAtTheBase)
+{
+    std::string seq;
+    long d = 0;
+    for (int i = 0; i < 12; ++i) {
+        d = lbdb_backoff_next(d, 100);
+        seq += std::to_string(d) + " ";
+    }
+    EXPECT_EQ(seq, "100 200 400 800 1600 3200 6400 12800 25600 30000 30000 30000 ");
+    EXPECT_EQ(lbdb_backoff_next(0, 40000), 40000); // a base above the cap is kept
+    EXPECT_EQ(lbdb_backoff_next(40000, 40000), 40000);
+    EXPECT_EQ(lbdb_backoff_next(20000, 20000), 30000);
+}

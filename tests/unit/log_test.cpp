@@ -244,6 +244,35 @@ TEST_F(LogTest, MirrorAndSharedMemoryMirror)
     EXPECT_EQ(slurp(mpath), "(ERR)  both\n");
 }
 
+TEST_F(LogTest, CloseDropsTheMirror)
+{
+    const fs::path mpath = dir / "mirror";
+    FILE* mfp = fopen(mpath.c_str(), "w");
+    ASSERT_NE(mfp, nullptr);
+    log_mirror(g_log, mfp);
+    zlog(L_ERR, "before\n");
+    log_close(g_log);
+    // The owner may close the stream now; a later record must not reach it.
+    fclose(mfp);
+    testing::internal::CaptureStderr();
+    zlog(L_ERR, "after\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "(ERR)  after\n");
+    EXPECT_EQ(slurp(mpath), "(ERR)  before\n");
+    EXPECT_EQ(text(), "(ERR)  before\n");
+}
+
+TEST_F(LogTest, RecordWithoutLineEndStillEndsItsLine)
+{
+    zlog(L_ERR, "%s: no line end", "name2af");
+    zlog(L_INFO, "next\n");
+    // A record that fills the buffer gives up its last character for the line end.
+    const std::string full(LOG_OUTBUF_SIZE - 1 - 7, 'z'); // "(INF)  " + text
+    EXPECT_EQ(logbuf_prepare(g_log, L_INFO, "%s", full.c_str()), static_cast<int>(full.size()));
+    log_flush(g_log, L_INFO);
+    EXPECT_EQ(text(), "(ERR)  name2af: no line end\n(INF)  next\n(INF)  " +
+                          full.substr(0, full.size() - 1) + "\n");
+}
+
 TEST_F(LogTest, OverlongMessageWritesNothing)
 {
     const std::string big(LOG_OUTBUF_SIZE, 'x');

@@ -48,8 +48,8 @@ TEST(Syswrap, WrappersLogTheirLineAndKeepErrno)
         // An address length too short for the family; this line has a colon before ERROR.
         {EINVAL, fmt("t: bind(%d, %p, 1): ", s4, static_cast<const void*>(sa)), "\n",
          [&] { return long{W_bind("t", s4, sa, 1)}; }},
-        // This line has never carried a line end.
-        {EBADF, "t: LNX sendfile(-1<--1, 3, 10) ", "",
+        // The format has never carried a line end; the log record ends its line all the same.
+        {EBADF, "t: LNX sendfile(-1<--1, 3, 10) ", "\n",
          [&] { return long{W_sendfile_f("t", -1, -1, &off, 10, W_NOFAULT)}; }},
         // recvfrom has no flag, so even EAGAIN is logged.
         {EAGAIN, fmt("t: recvfrom(%d, %p, 16, %d, ...) ", sp[0], buf, MSG_DONTWAIT), "\n",
