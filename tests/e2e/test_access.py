@@ -10,9 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import SOURCE_DIR, free_port, render_config, run_vsk
+from conftest import SOURCE_DIR, minimal_config, run_vsk
 from peers import udp_send
-from test_download import OLD_EXPIRY, dl_path, files_under, read_all
+from test_download import dl_path, files_under, read_all
 from test_udp import dl_url, order, with_channel
 
 BODY = b"segment-data-" * 100
@@ -209,16 +209,7 @@ def test_udp_order_for_refused_source_starts_nothing(agent, nginx):
     ("deny_sources", [16], "vesk.deny_sources: entry 1 is not a string"),
 ])
 def test_bad_list_entry_stops_start_up(tmp_path, key, value, message):
-    data = tmp_path / "data"
-    data.mkdir()
-    path = tmp_path / "vsk.conf"
-    path.write_text(render_config({
-        "log": {"level": "info", "enable_syslog": False},
-        "runtime": {"non_daemon": True},
-        "web_input": {"ifc": "lo", "port": free_port()},
-        "data_dir": str(data),
-        key: value,
-    }))
+    path = minimal_config(tmp_path, **{key: value})
     # The same message at start-up and from a configuration check.
     for args in ((), ("-t",)):
         r = run_vsk("-C", path, *args)
