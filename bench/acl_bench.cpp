@@ -1,6 +1,6 @@
 // Cost of one access-list look-up, as the accept path and the source check pay it: full lists
 // (64 prefixes, 32 host patterns), addresses that hit and miss, no allocation per look-up.
-// Prints nanoseconds per look-up; not a test, built with the release tree by `make bench`.
+// Prints nanoseconds per look-up; not a test, built with the release tree by `make bench-acl`.
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
