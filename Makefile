@@ -11,7 +11,7 @@ DESTDIR     ?=
 PACKAGE_DIR ?= build/package
 RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps bench-deps build build-test run test bench install package clean
+.PHONY: all deps bench-deps build build-test run test bench bench-acl install package clean
 
 all: build
 
@@ -46,6 +46,12 @@ test: deps build-test
 # smoke run, BENCH_ARGS="--inflight 4096" adds 4096 requests in flight on one listener.
 bench: bench-deps build
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
+
+# Cost of one access-list look-up (allow_clients, allow_sources, deny_sources) in the release
+# build, in nanoseconds. Not a test.
+bench-acl: $(RELEASE_DIR)/build.ninja
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target acl_bench
+	$(RELEASE_DIR)/acl_bench
 
 install: deps
 	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
