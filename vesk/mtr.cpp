@@ -30,9 +30,9 @@ namespace {
 constexpr size_t TEXT_MIN_CAP = 4096;
 
 constexpr const char* k_end_names[MTR_END_COUNT] = {
-    "none",          "completed", "source_unreachable", "source_refused",
-    "malformed_answer", "source_closed", "stalled",     "write_error",
-    "destination_exists", "shutdown", "other",
+    "none",           "completed",     "source_unreachable", "source_refused",
+    "source_denied",  "malformed_answer", "source_closed",   "stalled",
+    "write_error",    "destination_exists", "shutdown",      "other",
 };
 constexpr const char* k_udp_names[MTR_UDP_COUNT] = {"started",   "local",   "locked",
                                                     "malformed", "refused", "error"};

@@ -12,6 +12,7 @@ enum mtr_end : uint8_t {
     MTR_END_COMPLETED,          // renamed into place
     MTR_END_SOURCE_UNREACHABLE, // no connection, no name, or the request could not be sent
     MTR_END_SOURCE_REFUSED,     // the source answered with a status other than 2xx
+    MTR_END_SOURCE_DENIED,      // its address is not an allowed source
     MTR_END_MALFORMED_ANSWER,   // unreadable head, or no positive Content-Length
     MTR_END_SOURCE_CLOSED,      // the source closed or reset before the announced length
     MTR_END_STALLED,            // no I/O within the task time-out

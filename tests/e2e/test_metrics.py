@@ -109,7 +109,7 @@ def test_counters_follow_downloads_failures_and_answers(agent, nginx, bad_source
     ended = {k: delta(before, after, "vsk_tasks_ended_total", k)
              for k in after.family("vsk_tasks_ended_total")}
     assert ended == {"completed": 1, "source_refused": 1, "source_unreachable": 1,
-                     "malformed_answer": 1, "source_closed": 1, "stalled": 0, "write_error": 0,
+                     "source_denied": 0, "malformed_answer": 1, "source_closed": 1, "stalled": 0, "write_error": 0,
                      "destination_exists": 0, "shutdown": 0, "other": 0}
     assert after("vsk_downloaded_bytes_total") - before("vsk_downloaded_bytes_total") == \
         len(BODY) + WHOLE_HEAD["body_cut"]
