@@ -127,6 +127,16 @@ def test_counters_follow_downloads_failures_and_answers(agent, nginx, bad_source
     assert after("vsk_open_fds") == before("vsk_open_fds")
 
 
+def test_source_address_refused_after_the_look_up_ends_as_denied(agent, nginx):
+    nginx.put("seg/r.ts", BODY)
+    agent.vesk["allow_sources"] = ["localhost", "10.0.0.0/8"]
+    admin_on(agent).start()
+    ask(agent, f"http://localhost:{nginx.port}/seg/r.ts", "out/r.ts", expect=(403, "Forbidden"))
+    s = wait_scrape(agent, lambda s: s("vsk_tasks_ended_total", outcome="source_denied") == 1)
+    assert s("vsk_tasks_started_total") == 1 and s("vsk_tasks_active") == 0
+    assert s.family("vsk_http_answers_total") == {"403": 1}
+
+
 def test_status_and_metrics_during_a_download_that_stalls(agent, bad_source):
     body = BODY * 4
     bad_source.route("/slow.ts", body=body, body_cut=5000, after_cut="stall", stall_timeout=4)
