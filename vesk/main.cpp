@@ -481,7 +481,8 @@ int on_read(int fd, int err, void* udata, void* aux)
             return dw_read(dw);
         zlogf(L_ERR, "%s: task [%s] (%p) err=%d\n", dw->trk_tag.sym8, udata, err);
         // Before the GET went out the source was never reached; after it, it went away.
-        const bool sent = dw->state.num == dw_state("rsp").num || dw->state.num == dw_state("dnl").num;
+        const bool sent =
+            dw->state.num == dw_state("rsp").num || dw->state.num == dw_state("dnl").num;
         dw_set_end(dw, sent ? MTR_END_SOURCE_CLOSED : MTR_END_SOURCE_UNREACHABLE);
         pprm_task(dw);
         return 0;

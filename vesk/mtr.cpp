@@ -34,8 +34,8 @@ constexpr const char* k_end_names[MTR_END_COUNT] = {
     "source_denied",  "malformed_answer", "source_closed",   "stalled",
     "write_error",    "destination_exists", "shutdown",      "other",
 };
-constexpr const char* k_udp_names[MTR_UDP_COUNT] = {"started",   "local",   "locked",
-                                                    "malformed", "refused", "error"};
+constexpr const char* k_udp_names[MTR_UDP_COUNT] = {"started", "local",  "locked", "malformed",
+                                                    "refused", "denied", "error"};
 constexpr const char* k_reg_names[MTR_REG_COUNT] = {"ok", "failed", "dropped"};
 
 bool grow(mtr_text* t, size_t need)

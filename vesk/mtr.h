@@ -30,6 +30,7 @@ enum mtr_udp : uint8_t {
     MTR_UDP_LOCKED,      // another agent or order holds its lock
     MTR_UDP_MALFORMED,   // refused message (length, prefix, fields, URL)
     MTR_UDP_REFUSED,     // well-formed, but no task could be started (limit, duplicate, source)
+    MTR_UDP_DENIED,      // from a peer outside allow_clients, or for a source not allowed
     MTR_UDP_ERROR,       // receive or lock-file failure
     MTR_UDP_COUNT
 };

@@ -123,8 +123,10 @@ int udl_accept(udl_ctx* udl)
         // it takes no lock and starts nothing.
         static rate_gate gate;
         if (!rui_client_admitted(__func__, "datagram", reinterpret_cast<sockaddr*>(&peer), plen,
-                                 &gate))
+                                 &gate)) {
+            mtr_udp_order(MTR_UDP_DENIED);
             return 0;
+        }
         zlogf(L_DEBUG, "%s: read %zd bytes from fd%d\n", n, udl->sockfd);
         result = MTR_UDP_MALFORMED;
         // The length is judged on what arrived, before any line end is trimmed.
@@ -159,9 +161,12 @@ int udl_accept(udl_ctx* udl)
         dw_spec spec{};
         rc = parse_url(url, lid, &spec);
         if (rc != 0) {
-            // 17: a fresh unfinished file of that name is being written; the order itself is fine.
+            // 17: a fresh unfinished file of that name is being written; 13: a source that is
+            // not allowed. The message itself is fine in both cases.
             if (rc == 17)
                 result = MTR_UDP_REFUSED;
+            else if (rc == 13)
+                result = MTR_UDP_DENIED;
             break;
         }
         spec.expiry_tm = expiry;
@@ -177,7 +182,10 @@ int udl_accept(udl_ctx* udl)
         } else {
             // Nobody waits for an answer, and a refused order keeps its lock until it goes
             // stale: that throttles repeated announcements of the same order.
-            result = mk_dw_task(-1, &spec) == 0 ? MTR_UDP_STARTED : MTR_UDP_REFUSED;
+            const int started = mk_dw_task(-1, &spec);
+            result = started == 0    ? MTR_UDP_STARTED
+                     : started == 13 ? MTR_UDP_DENIED
+                                     : MTR_UDP_REFUSED;
         }
     } while (false);
 

@@ -23,9 +23,11 @@ def admin_on(agent):
     return agent
 
 
-def get(port, request):
-    """Sends one raw request; returns (status, head lines, body) once the agent closed."""
-    with socket.create_connection(("127.0.0.1", port), timeout=5) as s:
+def get(port, request, source=None):
+    """Sends one raw request (from the loopback address `source` when given); returns (status,
+    head lines, body) once the agent closed."""
+    with socket.create_connection(("127.0.0.1", port), timeout=5,
+                                  source_address=(source, 0) if source else None) as s:
         s.sendall(request)
         data = b""
         while chunk := s.recv(65536):
@@ -37,7 +39,8 @@ def get(port, request):
 
 
 def fetch(agent, path):
-    status, lines, body = get(agent.admin, f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+    status, lines, body = get(agent.admin, f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode(),
+                              getattr(agent, "scrape_from", None))
     assert status == 200, (path, status, lines)
     length = [int(x.split(":")[1]) for x in lines if x.lower().startswith("content-length:")]
     assert length == [len(body)], (lines, len(body))
@@ -176,8 +179,25 @@ def test_channel_orders_are_counted_by_result(agent, nginx, bad_source):
     send(agent, [b"#?" + b"y" * 40, b"#!abcd http://x/y 1"], r"invalid message", count=2)
     s = wait_scrape(agent, lambda s: sum(s.family("vsk_udp_orders_total").values()) == 5)
     assert s.family("vsk_udp_orders_total") == {"started": 2, "locked": 1, "malformed": 2,
-                                                 "local": 0, "refused": 0, "error": 0}
+                                                 "local": 0, "refused": 0, "denied": 0, "error": 0}
     assert s("vsk_tasks_active") == 1 and s("vsk_udp_lock_failopen_total") == 0
+
+
+def test_allowed_clients_hold_for_the_admin_listener_and_denied_datagrams_count(agent, nginx):
+    with_channel(agent)
+    agent.vesk["allow_clients"] = ["127.0.0.2/32"]
+    agent.scrape_from = "127.0.0.2"
+    admin_on(agent).start()
+    msg = order("lk0001", f"http://127.0.0.1:{agent.port}/src/{nginx.url('u.ts')}/dst/u.ts")
+    send(agent, msg, r"datagram from 127\.0\.0\.1:\d+ refused")
+    s = wait_scrape(agent, lambda s: s("vsk_udp_orders_total", result="denied") == 1)
+    assert sum(s.family("vsk_udp_orders_total").values()) == 1
+    # A scraper outside the list is closed unanswered, as a web client would be.
+    try:
+        answer = get(agent.admin, b"GET /metrics HTTP/1.1\r\n\r\n")[0]
+    except ConnectionResetError:  # closed with the request unread
+        answer = None
+    assert answer is None
 
 
 def test_registrations_and_the_registry_link(agent, nginx, redis):
