@@ -344,7 +344,6 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     const size_t head_len = static_cast<size_t>(resp->tail - 1);
     int strict_code = 0;
     if (!check_status_line(buf, head_len, &strict_code, resp->malformed, sizeof resp->malformed)) {
-        zlogf(L_DEBUG, "%s: fd=%d malformed answer: %s\n", sockfd, resp->malformed);
         return -1;
     }
 
@@ -365,7 +364,6 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     }
     if (!check_body_framing(buf, head_len, code, &resp->content_length, resp->malformed,
                             sizeof resp->malformed)) {
-        zlogf(L_DEBUG, "%s: fd=%d malformed answer: %s\n", sockfd, resp->malformed);
         return -1;
     }
     resp->code = code;
