@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, skipping what is present.
-# As non-root it prints the apt-get command and fails instead.
+# Installs the Debian packages the build and the tests need, skipping what is present; with
+# package names as arguments, installs those instead (make fuzz asks for clang that way, which
+# the regular build and tests do not need). As non-root it prints the apt-get command and fails.
 set -euo pipefail
 
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
       libgtest-dev python3 python3-pytest redis-server nginx curl socat)
+[ $# -gt 0 ] && PKGS=("$@")
 
 missing=()
 for p in "${PKGS[@]}"; do
