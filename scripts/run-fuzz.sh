@@ -10,6 +10,8 @@ build=$1 seconds=$2
 shift 2
 src=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$build/fuzz-corpus" "$build/fuzz-artifacts"
+# Leaks inside third-party libraries that the agent cannot free (see the file).
+export LSAN_OPTIONS="suppressions=$src/fuzz/lsan.supp${LSAN_OPTIONS:+:$LSAN_OPTIONS}"
 failed=()
 for t in "$@"; do
   bin="$build/fuzz/fuzz_$t"
