@@ -3,7 +3,6 @@
 // the split of its path into source and destination, the "expiry=" query, the destination rules,
 // and the task key and local-URL test of the order that comes out.
 #include <cstdlib>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "app.h"
@@ -20,11 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size > 2 * HRQ_BUF_SIZE)
         return 0;
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) != 0)
-        std::abort();
-    if (size && write(sv[1], data, size) != static_cast<ssize_t>(size))
-        std::abort();
-    shutdown(sv[1], SHUT_WR);
+    fuzz::socket_with(data, size, sv);
 
     dw_urq urq{};
     set_tag32(&urq.tag, "URQ");

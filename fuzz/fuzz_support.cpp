@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sys/socket.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "cfg.h"
 #include "log.h"
@@ -47,6 +49,15 @@ void init_once()
     g_data_dir = tmpl;
     std::snprintf(g_cfg->data_dir, sizeof g_cfg->data_dir, "%s", tmpl);
     std::atexit(remove_data_dir);
+}
+
+void socket_with(const uint8_t* data, size_t size, int sv[2])
+{
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) != 0)
+        std::abort();
+    if (size && write(sv[1], data, size) != static_cast<ssize_t>(size))
+        std::abort();
+    shutdown(sv[1], SHUT_WR);
 }
 
 void sweep_data_dir()

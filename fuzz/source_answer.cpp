@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "app.h"
@@ -26,11 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         (void)check_body_framing(text, size, code, &length, why, sizeof why);
 
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) != 0)
-        std::abort();
-    if (size && write(sv[1], data, size) != static_cast<ssize_t>(size))
-        std::abort();
-    shutdown(sv[1], SHUT_WR);
+    fuzz::socket_with(data, size, sv);
     // The buffer and its length as the task hands them over.
     const auto buf = std::make_unique<char[]>(DW_RESP_BUFSZ);
     http_resp_ctx resp{};
