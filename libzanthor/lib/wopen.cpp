@@ -343,9 +343,8 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     // `resp->malformed`: the caller knows which source sent it and says so in one line.
     const size_t head_len = static_cast<size_t>(resp->tail - 1);
     int strict_code = 0;
-    if (!check_status_line(buf, head_len, &strict_code, resp->malformed, sizeof resp->malformed)) {
+    if (!check_status_line(buf, head_len, &strict_code, resp->malformed, sizeof resp->malformed))
         return -1;
-    }
 
     int major = 0;
     int minor = 0;
@@ -363,9 +362,8 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
         return -1;
     }
     if (!check_body_framing(buf, head_len, code, &resp->content_length, resp->malformed,
-                            sizeof resp->malformed)) {
+                            sizeof resp->malformed))
         return -1;
-    }
     resp->code = code;
     zlogf(L_INFO, "%s: fd=%d received: HTTP/%d.%d %d %s\n", sockfd, major, minor, code, reason);
     return 0;
