@@ -510,16 +510,21 @@ void lid_unlock(const char* lid)
         return;
     if (g_cfg->udp_cha.lock_backend == LOCK_BACKEND_REDIS) {
         char key[UDL_LOCK_KEY_LEN];
-        if (!lbdb_link_on() ||
-            udl_lock_key(__func__, g_cfg->udp_cha.lock_prefix, lid, key, sizeof(key)) != 0)
+        if (udl_lock_key(__func__, g_cfg->udp_cha.lock_prefix, lid, key, sizeof(key)) != 0)
             return;
+        // Without a link the release is not queued: the lock lapses by itself within its life,
+        // and a long outage must not fill the link's queue with releases that would push out
+        // the registrations waiting there.
+        if (!lbdb_link_ready()) {
+            zlogf(L_DEBUG, "%s: %s at [%s] left to lapse, no link\n", lid, key);
+            return;
+        }
         zlogf(L_DEBUG, "%s: %s at [%s]\n", lid, key);
         char* copy = strdup(lid);
         if (!copy)
             log_abort("%s: out of memory\n", __func__);
-        // A release that waits for the link is pointless once the lock has lapsed anyway.
-        if (lbdb_command(on_release_reply, copy, 0, time(nullptr) + LID_LOCK_MAX_AGE, key,
-                         "EVAL %s 1 %s %s", UDL_RELEASE_LUA, key, g_agent_id) != 0)
+        if (lbdb_command(on_release_reply, copy, 0, 0, key, "EVAL %s 1 %s %s", UDL_RELEASE_LUA,
+                         key, g_agent_id) != 0)
             free(copy);
         return;
     }

@@ -171,3 +171,8 @@ def test_long_download_renews_its_lock_and_leaves_another_owner_alone(agents, re
     assert (a.data_dir / "seg/lost.ts").read_bytes() == body
     wait_until("own lock released", lambda: redis.cli("EXISTS", PREFIX + "o-keep.ts").strip() == "0")
     assert redis.cli("GET", PREFIX + "o-lost.ts").strip() == "other-host:1"
+    # Lock ids keep the rule of lock files: a "/" is refused.
+    udp_send("127.0.0.1", a.udp, order("a/b0", f"http://127.0.0.1:1/src/{slow_nginx.url('seg/keep.ts')}/dst/x.ts"))
+    a.wait_for_log(r"udl_lock: invalid lock id \[a/b0\]")
+    a.wait_for_log(r"udl_accept: \[a/b0\] request failed; url=\[")
+    assert not (a.data_dir / "x.ts").exists() and lock_keys(redis) == [PREFIX + "o-lost.ts"]
