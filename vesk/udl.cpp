@@ -32,9 +32,11 @@ namespace {
 constexpr size_t LOCK_PATH_LEN = 128;
 constexpr int MIN_LOCK_PATH = 4;
 
-// The fail-open warning is written at most once a second; its running total covers the rest.
+// The fail-open warning is written at most once a second; the renewal timer reports the total
+// of the orders that went by without a line of their own.
 char g_agent_id[UDL_AGENT_ID_LEN];
 unsigned long g_fail_open;
+unsigned long g_fail_open_shown; // the total as the last line showed it
 time_t g_fail_open_sec;
 ioh_rec g_renew_timer = {{}, -1, 0, nullptr, nullptr, false};
 
@@ -62,6 +64,10 @@ int mk_lock_path(const char* caller, const char* lid, char* path)
 
 } // namespace
 
+// The scripts go out with EVAL rather than by digest: they are part of this program, not of the
+// registry's loaded set, so a Redis restarted with an empty script cache (or one where nobody ran
+// the loader) still serves them, and the link's reconnection has nothing more to check. Redis
+// keeps the compiled script after the first call, so each call costs only its text on the wire.
 const char UDL_RELEASE_LUA[] =
     "if redis.call('GET', KEYS[1]) == ARGV[1] then return redis.call('DEL', KEYS[1]) end "
     "return 0";
@@ -154,6 +160,7 @@ void take_unlocked(const char* lid, const char* url, time_t expiry, const char* 
     const time_t now = time(nullptr);
     if (now != g_fail_open_sec) {
         g_fail_open_sec = now;
+        g_fail_open_shown = g_fail_open;
         zlog(L_WARN, "%s: no lock for [%s] (%s): order taken anyway, %lu without a lock so far\n",
              "udl_lock", lid, why, g_fail_open);
     }
@@ -279,6 +286,10 @@ int renew_task(void* data, size_t i)
 
 int on_renew_timer(ioh_rec* h, int, int)
 {
+    if (g_fail_open != g_fail_open_shown) {
+        g_fail_open_shown = g_fail_open;
+        zlog(L_WARN, "%s: %lu orders taken without a lock so far\n", "udl_lock", g_fail_open);
+    }
     if (lbdb_link_ready())
         (void)xvlst_each(&g_ctx.tasks, renew_task, nullptr);
     (void)ioh_timer_arm(h, UDL_LOCK_RENEW_MS);
