@@ -11,12 +11,15 @@ DESTDIR     ?=
 PACKAGE_DIR ?= build/package
 RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps build build-test run test bench install package clean
+.PHONY: all deps bench-deps build build-test run test bench bench-acl install package clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
+
+bench-deps:
+	@scripts/install-deps.sh --bench
 
 $(RELEASE_DIR)/build.ninja:
 	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS)
@@ -38,9 +41,17 @@ run: deps build
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Download throughput figures of the release build (not a test; BENCH_ARGS=--quick for a smoke run).
-bench: deps build
+# The release build side by side with cp -r, curl -Z and an aria2c RPC daemon on the same files:
+# one table (build/bench/bench.md) and chart (bench.svg). Not a test; BENCH_ARGS=--quick for a
+# smoke run, BENCH_ARGS="--inflight 4096" adds 4096 requests in flight on one listener.
+bench: bench-deps build
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
+
+# Cost of one access-list look-up (allow_clients, allow_sources, deny_sources) in the release
+# build, in nanoseconds. Not a test.
+bench-acl: $(RELEASE_DIR)/build.ninja
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target acl_bench
+	$(RELEASE_DIR)/acl_bench
 
 install: deps
 	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)

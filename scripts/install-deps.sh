@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, skipping what is present.
-# As non-root it prints the apt-get command and fails instead.
+# As non-root it prints the apt-get command and fails instead. `--bench` adds the peers of the
+# side-by-side benchmark (`make bench`), which the build and the tests do not need.
 set -euo pipefail
 
 # dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
@@ -9,6 +10,9 @@ set -euo pipefail
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
       libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat
       dpkg-dev file groff-base man-db)
+if [ "${1:-}" = "--bench" ]; then
+  PKGS+=(aria2 python3-matplotlib)
+fi
 
 missing=()
 for p in "${PKGS[@]}"; do

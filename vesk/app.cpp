@@ -23,6 +23,7 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "srcacl.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -130,6 +131,7 @@ int init_vesk_ctx()
     ZASSERT(!g_ctx.is_ready);
     set_tag32(&urq_cb.tag, "URQ");
     rui_set_cb(RUI_USER, &urq_cb);
+    rui_set_client_filter(&g_cfg->allow_clients);
     (void)raise_nofile_limit(g_cfg->max_tasks);
 
     int rc = rui_ctx_init(&g_cfg->rui, &g_ctx.rui);
@@ -269,10 +271,15 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
     sctx->skip_http = true; // the GET goes out from request_data_stream once connected
     sctx->timeout_ms = DW_SRC_TMOUT_MS;
     sctx->host_addr = addr;
+    // The host was judged by name when the request came in; the address it was looked up to is
+    // judged here, before it is connected.
+    sctx->sspec.addr_ok = src_addr_allowed;
     const int fd = usock_open(url, sctx);
     sctx->host_addr = nullptr;
     if (fd < 0) {
+        const int err = errno;
         zlogf(L_ERR, "%s: failed to open [%s]\n", url);
+        errno = err;
         return -1;
     }
     zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
@@ -282,12 +289,13 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
 static void answer_client(dw_task* dw);
 
 // Connects the task to its source at `addr` (null: the URL's own host) and waits for the
-// connection to become writable. 0, or the failure (logged); the caller removes the task.
+// connection to become writable. 0, 13 when the address is refused by src_addr_allowed, or
+// another failure (logged); the caller removes the task.
 static int open_source(dw_task* dw, const char* addr)
 {
     dw->sfd = connect_to_src(dw->spec.url, addr, &dw->sctx);
     if (dw->sfd == -1)
-        return -1;
+        return errno == EACCES ? 13 : -1;
     if (const int rc = rqs_add_writer(dw->sfd, dw)) {
         zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
         return rc;
@@ -298,7 +306,8 @@ static int open_source(dw_task* dw, const char* addr)
 }
 
 // The end of the look-up of a task's source host. A name that did not resolve fails the task as
-// an unreachable source always has: the client gets the 500 a failed open gives.
+// an unreachable source always has: the client gets the 500 a failed open gives. A name that
+// resolved to a refused address gets the 403 a refused source gets.
 static void on_src_resolved(void* arg, int status, const char* addr)
 {
     auto* dw = static_cast<dw_task*>(arg);
@@ -313,7 +322,7 @@ static void on_src_resolved(void* arg, int status, const char* addr)
     if (rc == 0)
         return;
     if (dw->cfd >= 0) {
-        dw->hresp = &g_resp_err;
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
         answer_client(dw);
     }
     (void)pprm_task(dw);

@@ -43,10 +43,11 @@ int raise_nofile_limit(size_t max_tasks);
 // Starts the download the order describes. `cfd` is the requesting client's socket (the task answers
 // through a duplicate of it; the caller keeps and closes its own) or negative when no client
 // waits. 0 when started; -1 over the task limit or when the source cannot be opened or
-// registered; 17 when the same URL (scheme ignored) is being downloaded; the errno of a failed
-// dup(). On failure nothing of the task is left. A source host given by name is looked up on the
-// loop first (state "res"): a name that does not resolve then fails the started task, which
-// answers its client 500 as a failed open would have.
+// registered; 13 when the source's address is refused by src_addr_allowed; 17 when the same URL
+// (scheme ignored) is being downloaded; the errno of a failed dup(). On failure nothing of the
+// task is left. A source host given by name is looked up on the loop first (state "res"): a name
+// that does not resolve then fails the started task, which answers its client 500 as a failed
+// open would have, and an address refused by src_addr_allowed answers it 403.
 [[nodiscard]] int mk_dw_task(int cfd, const dw_spec* spec);
 // Takes a slot, fills it from the order and hashes its key. The task, or null (logged).
 dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag);
@@ -70,7 +71,8 @@ void set_dw_state(dw_task* dw, n32_tag state);
 n32_tag dw_state(const char (&s)[4]);
 
 // Opens a non-blocking connection to the http:// `url`, at the numeric address `addr` when given
-// (its host already looked up) and otherwise at the URL's own host; the socket, or -1.
+// (its host already looked up) and otherwise at the URL's own host; the socket, or -1 (errno
+// EACCES when src_addr_allowed refused the address).
 int connect_to_src(const char* url, const char* addr, usock_ctx* sctx);
 // Sends the GET and switches the socket to reading. Always 0: a failure answers the client 400
 // and lists the task for removal.

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include "config.h"
@@ -97,6 +98,51 @@ static int load_udp_input(const config_setting_t* s, udp_lstn_cfg* udp)
     return 0;
 }
 
+// Reads one access list, a list or array of strings: prefixes, and host-name patterns too when
+// `hosts_too`. Absent or empty it admits everyone. A value of another shape or a bad entry fails
+// the load with the key and the entry named, so a typing error cannot silently open the agent up.
+static int load_acl(const config_t* lc, const char* key, bool hosts_too, acl_list* list)
+{
+    std::memset(list, 0, sizeof(*list));
+    const config_setting_t* st = config_lookup(lc, key);
+    if (!st)
+        return 0;
+    const int type = config_setting_type(st);
+    if (type != CONFIG_TYPE_ARRAY && type != CONFIG_TYPE_LIST) {
+        zlog(L_ERR, "%s: %s must be a list of strings\n", "load_config", key);
+        return -1;
+    }
+    const int n = config_setting_length(st);
+    for (int i = 0; i < n; ++i) {
+        const config_setting_t* e = config_setting_get_elem(st, static_cast<unsigned>(i));
+        const char* text = e ? config_setting_get_string(e) : nullptr;
+        if (!text) {
+            zlog(L_ERR, "%s: %s: entry %d is not a string\n", "load_config", key, i + 1);
+            return -1;
+        }
+        const char* why = "";
+        if (acl_add(list, text, hosts_too, &why) != 0) {
+            zlog(L_ERR, "%s: %s: bad entry [%s]: %s\n", "load_config", key, text, why);
+            return -1;
+        }
+    }
+    acl_finish(list);
+    return 0;
+}
+
+static void dump_acl(FILE* stream, const char* title, const acl_list* list)
+{
+    if (acl_is_empty(list))
+        return;
+    fprintf(stream, "\t%-20s =", title);
+    char text[INET6_ADDRSTRLEN + 8];
+    for (size_t i = 0; i < list->npfx; ++i)
+        fprintf(stream, " %s", acl_prefix_str(&list->pfx[i], text, sizeof text));
+    for (size_t i = 0; i < list->nhosts; ++i)
+        fprintf(stream, " %s", list->hosts[i]);
+    fputs("\n", stream);
+}
+
 // The groups read only at the first load: log, runtime, UDP input, web input, DB.
 static int load_sections(const config_t* lc, vesk_cfg* cfg)
 {
@@ -142,6 +188,11 @@ static int load_sections(const config_t* lc, vesk_cfg* cfg)
         cfg->rui.max_accept = static_cast<size_t>(max_accept);
         cfg->rui.user_request_tmout = D_URQ_TMOUT_MS;
     }
+
+    if (load_acl(lc, "vesk.allow_clients", false, &cfg->allow_clients) ||
+        load_acl(lc, "vesk.allow_sources", true, &cfg->allow_sources) ||
+        load_acl(lc, "vesk.deny_sources", false, &cfg->deny_sources))
+        return -1;
 
     s = config_lookup(lc, "vesk.lbdb");
     if (s && (rc = load_lbdb_cfg(s, &cfg->lbdb)) != 0)
@@ -279,6 +330,9 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     if (cfg->resolve_tmout_ms != D_RESOLVE_TMOUT_MS)
         fprintf(stream, "\tlook-up time-out     = %ld ms\n", cfg->resolve_tmout_ms);
+    dump_acl(stream, "allowed clients", &cfg->allow_clients);
+    dump_acl(stream, "allowed sources", &cfg->allow_sources);
+    dump_acl(stream, "denied sources", &cfg->deny_sources);
     fputs("\n", stream);
 
     if (cfg->lbdb.port > 0) {

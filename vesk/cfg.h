@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "acl.h"
 #include "appcfg.h"
 #include "lbquery.h"
 
@@ -56,6 +57,9 @@ struct vesk_cfg {
     char seg_url_pfx[128]; // local URL prefix of downloaded segments
     long resolve_tmout_ms; // bound of one look-up of a source host name
     lbdb_cfg lbdb;         // lbdb.port 0: no database
+    acl_list allow_clients; // peers that may send requests; empty: everyone
+    acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all
+    acl_list deny_sources;  // source prefixes never fetched, even when allowed
 };
 
 // The process-wide configuration, filled at start-up and read by everything else.

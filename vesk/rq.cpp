@@ -16,6 +16,7 @@
 #include "meta.h"
 #include "netops.h"
 #include "rqs.h"
+#include "srcacl.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -164,7 +165,9 @@ int urq_read(dw_urq* urq)
             zlogf(L_INFO, "%s: PONG!\n");
             urq->hresp = &g_resp_ok204;
         } else if (rc != 0) {
-            zlogf(L_ERR, "%s: malformed HTTP request: %s\n", urq->hrq.hbuf);
+            // A refused source was named in its own error line; the request itself was fine.
+            if (rc != 13)
+                zlogf(L_ERR, "%s: malformed HTTP request: %s\n", urq->hrq.hbuf);
             if (!urq->hresp)
                 urq->hresp = &g_resp_bad;
         } else if (urq->hrq.header.type == HTTP_HEAD) {
@@ -178,11 +181,11 @@ int urq_read(dw_urq* urq)
                 (void)add_lbdb_url(&spec);
             }
             urq->hresp = &g_resp_ok;
-        } else if (mk_dw_task(urq->sockfd, &spec) == 0) {
+        } else if ((rc = mk_dw_task(urq->sockfd, &spec)) == 0) {
             // The task answers through its own duplicate of the socket.
             must_answer = false;
         } else {
-            urq->hresp = &g_resp_err;
+            urq->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
         }
     }
 
@@ -298,6 +301,8 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec)
 int validate_request(dw_urq* urq, dw_spec* spec)
 {
     const int rc = setup_dw_spec(urq->uri_src, urq->uri_dst, DST_COPY_LEN, spec);
+    if (rc == 13)
+        urq->hresp = &g_resp_denied;
     if (rc == 0)
         zlogf(L_DEBUG, "%s: url=[%s], path=[%s], expiry=%ld\n", spec->url, spec->fpath,
               static_cast<long>(spec->expiry_tm));
@@ -311,6 +316,10 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_len, dw_spec* spec)
         zlogf(L_ERR, "%s: non-HTTP or invalid src=[%s]\n", src);
         return 22;
     }
+    // Judged before anything is made for the request: a refused source leaves no task, no
+    // directory and no file behind. The agent's own URLs are never fetched, only registered.
+    if (!is_local_url(src) && src_url_allowed(src) != 0)
+        return 13;
 
     if (!dst[0]) {
         const char* host = std::strstr(src, "//");

@@ -379,7 +379,10 @@ int udl_accept(udl_ctx* udl)
     // One datagram per event; the steps below each end the order on failure, and every failure
     // is reported once at the end.
     do {
-        const ssize_t n = recv(udl->sockfd, buf, sizeof(buf) - 1, MSG_DONTWAIT);
+        sockaddr_storage peer{};
+        socklen_t plen = sizeof peer;
+        const ssize_t n = recvfrom(udl->sockfd, buf, sizeof(buf) - 1, MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&peer), &plen);
         if (n <= 0) {
             const int err = errno;
             zlogf(L_ERR, "%s: recv(fd%d, .., %zu,..) ERROR(%d): %s\n", udl->sockfd,
@@ -387,6 +390,12 @@ int udl_accept(udl_ctx* udl)
             rc = -1;
             break;
         }
+        // A datagram from a peer outside vesk.allow_clients is dropped before it is parsed, so
+        // it takes no lock and starts nothing.
+        static rate_gate gate;
+        if (!rui_client_admitted(__func__, "datagram", reinterpret_cast<sockaddr*>(&peer), plen,
+                                 &gate))
+            return 0;
         zlogf(L_DEBUG, "%s: read %zd bytes from fd%d\n", n, udl->sockfd);
         // The length is judged on what arrived, before any line end is trimmed.
         if (n < MIN_UMSG_LEN || n > MAX_UMSG_LEN) {

@@ -640,6 +640,10 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
     for (const addrinfo* ai = res; ai && fd < 0; ai = ai->ai_next) {
         if (ai->ai_addrlen > sizeof(sockaddr_storage))
             continue;
+        if (!spec->passive && spec->addr_ok && !spec->addr_ok(ai->ai_addr)) {
+            last_err = EACCES;
+            continue;
+        }
         fd_guard sock(W_socket(__func__, ai->ai_family, ai->ai_socktype, ai->ai_protocol),
                       __func__);
         if (sock.get() < 0) {
