@@ -1,6 +1,9 @@
 # Two set-up commands: `make run` and `make test` (see README.md).
 RELEASE_DIR := build/release
 TEST_DIR    := build/test
+FUZZ_DIR    := build/fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= client_request source_answer udp_order config_file
 JOBS        ?= $(shell nproc)
 # `make install` puts the agent under PREFIX, staged under DESTDIR when that is set. The release
 # tree is configured with the prefix, because the installed configuration and unit name
@@ -11,7 +14,7 @@ DESTDIR     ?=
 PACKAGE_DIR ?= build/package
 RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps bench-deps build build-test run test bench bench-acl install package clean
+.PHONY: all deps bench-deps build build-test run test fuzz bench bench-acl install package clean
 
 all: build
 
@@ -40,6 +43,18 @@ run: deps build
 
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
+
+$(FUZZ_DIR)/build.ninja:
+	CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	      -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DVSK_FUZZ=ON
+
+# Fuzzes every parser of outside input for FUZZ_SECONDS each (clang is installed on demand: only
+# this target needs it). FUZZ_TARGETS picks some of them.
+fuzz:
+	@scripts/install-deps.sh clang libclang-rt-dev
+	$(MAKE) $(FUZZ_DIR)/build.ninja
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 # The release build side by side with cp -r, curl -Z and an aria2c RPC daemon on the same files:
 # one table (build/bench/bench.md) and chart (bench.svg). Not a test; BENCH_ARGS=--quick for a

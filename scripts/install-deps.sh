@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, skipping what is present.
 # As non-root it prints the apt-get command and fails instead. `--bench` adds the peers of the
-# side-by-side benchmark (`make bench`), which the build and the tests do not need.
+# side-by-side benchmark (`make bench`); package names as arguments install those instead (make
+# fuzz asks for clang that way). The build and the tests need neither.
 set -euo pipefail
 
 # dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
@@ -13,6 +14,8 @@ PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
       dpkg-dev file groff-base man-db python3-prometheus-client)
 if [ "${1:-}" = "--bench" ]; then
   PKGS+=(aria2 python3-matplotlib)
+elif [ $# -gt 0 ]; then
+  PKGS=("$@")
 fi
 
 missing=()

@@ -593,6 +593,10 @@ int read_src_response(dw_task* dw)
         return 11;
     }
     const bool got_status = rc == 0;
+    // A head whose framing is in doubt could store a wrong file as complete: it fails like a
+    // refused answer, and the one line says what was wrong and who sent it.
+    if (rc == -1 && resp.malformed[0])
+        zlogf(L_ERR, "%s: malformed answer from [%s]: %s\n", dw->spec.url, resp.malformed);
     if (rc == 0) {
         if (resp.code >= 200 && resp.code <= 299) {
             if (check_dest_path(dw->spec.fpath) == -16) {
@@ -819,10 +823,10 @@ bool can_mmap_dw(const dw_task* dw)
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
 {
     const bool has_tail = resp->tail >= 1;
-    const ssize_t hdr_len = has_tail ? resp->tail : resp->total;
     ssize_t tail_len = has_tail ? resp->total - resp->tail : 0;
 
-    const long len = extract_num_hdr("Content-Length:", buf, static_cast<size_t>(hdr_len));
+    // Checked by recv_http_response: all digits, and the same value wherever it is repeated.
+    const long len = resp->content_length;
     if (len <= 0) {
         zlogf(L_ERR, "%s: invalid/missing content length: %zd\n", static_cast<ssize_t>(len));
         return 22;

@@ -115,8 +115,9 @@ bool dest_path_is_safe(const char* dst_path);
 int check_dest_path(const char* path);
 // True when the announced length is at most max_mmap_mb MiB.
 bool can_mmap_dw(const dw_task* dw);
-// Creates and sizes the destination from the response head in `buf` and stores the body bytes
-// already received. 0; 22 without a positive Content-Length; -1 when mapping or writing fails;
+// Creates and sizes the destination for the accepted response head in `buf` (its length is
+// `resp->content_length`, as recv_http_response checked it) and stores the body bytes already
+// received. 0; 22 without a positive Content-Length; -1 when mapping or writing fails;
 // the errno of a failed open or truncate.
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp);
 // Copies what one read of the source yields into the file. 0, -1, or an errno value.

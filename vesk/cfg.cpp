@@ -33,6 +33,8 @@ int init_vesk_config(vesk_cfg* cfg)
     cfg->task_tmout_ms = D_DW_TMOUT_MS;
     cfg->resolve_tmout_ms = D_RESOLVE_TMOUT_MS;
     cfg->lbdb.max_pending = LBQ_D_MAX_PENDING;
+    cfg->udp_cha.lock_backend = LOCK_BACKEND_FILE;
+    snprintf(cfg->udp_cha.lock_prefix, sizeof(cfg->udp_cha.lock_prefix), "%s", D_LOCK_PREFIX);
     // Listeners given only with -w/-W must still accept connections: without a web_input group
     // nothing else would set the accept batch.
     cfg->rui.max_accept = D_MAX_ACCEPT;
@@ -69,6 +71,30 @@ static int load_udp_input(const config_setting_t* s, udp_lstn_cfg* udp)
     udp->must_lock = lookup_member_bool(s, "must_lock", true);
     if (udp->must_lock)
         (void)load_config_setting_str(s, "lock_dir", udp->lkdir, 127, "/tmp");
+
+    if (const config_setting_t* b = config_setting_get_member(s, "lock_backend")) {
+        const char* v = config_setting_get_string(b);
+        if (v && std::strcmp(v, "file") == 0) {
+            udp->lock_backend = LOCK_BACKEND_FILE;
+        } else if (v && std::strcmp(v, "redis") == 0) {
+            udp->lock_backend = LOCK_BACKEND_REDIS;
+        } else {
+            zlog(L_ERR, "%s: vesk.udp_input.lock_backend must be \"file\" or \"redis\"\n",
+                 "load_config");
+            return -1;
+        }
+    }
+    if (const config_setting_t* p = config_setting_get_member(s, "lock_prefix")) {
+        const char* v = config_setting_get_string(p);
+        // A cut prefix would put the locks of this agent under other keys than its peers' own.
+        if (!v || std::strlen(v) >= sizeof(udp->lock_prefix)) {
+            zlog(L_ERR, "%s: vesk.udp_input.lock_prefix must be a string of at most %zu "
+                        "characters\n",
+                 "load_config", sizeof(udp->lock_prefix) - 1);
+            return -1;
+        }
+        snprintf(udp->lock_prefix, sizeof(udp->lock_prefix), "%s", v);
+    }
     return 0;
 }
 
@@ -187,8 +213,16 @@ static int load_sections(const config_t* lc, vesk_cfg* cfg)
     }
 
     s = config_lookup(lc, "vesk.lbdb");
-    if (s)
-        return load_lbdb_cfg(s, &cfg->lbdb);
+    if (s && (rc = load_lbdb_cfg(s, &cfg->lbdb)) != 0)
+        return rc;
+    // Locks in Redis travel on the registry's link; without it there is nowhere to keep them.
+    if (cfg->udp_cha.url[0] && cfg->udp_cha.must_lock &&
+        cfg->udp_cha.lock_backend == LOCK_BACKEND_REDIS && cfg->lbdb.port <= 0) {
+        zlog(L_ERR, "%s: vesk.udp_input.lock_backend = \"redis\" needs the vesk.lbdb group "
+                    "with a port\n",
+             "load_config");
+        return -1;
+    }
     return 0;
 }
 
@@ -298,6 +332,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tUDP input            = [%s] ifc=%s fmt=%s lk=[%s]\n", udp->url,
                 udp->mifc[0] ? udp->mifc : "all", udp->is_gzipped ? "gzip" : "text",
                 udp->must_lock ? udp->lkdir : "none");
+    if (udp->url[0] && udp->must_lock && udp->lock_backend == LOCK_BACKEND_REDIS)
+        fprintf(stream, "\tUDP locks            = redis, keys [%s<lock id>]\n", udp->lock_prefix);
 
     fputs("Misc:\n", stream);
     fprintf(stream, "\tdata directory       = [%s]\n", cfg->data_dir);

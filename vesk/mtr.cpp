@@ -20,6 +20,7 @@
 #include "meta.h"
 #include "rqs.h"
 #include "timeop.h"
+#include "udl.h"
 
 LOG_MODULE(0, -1);
 
@@ -309,8 +310,7 @@ int mtr_render_metrics(mtr_text* t)
         sample(t, "vsk_udp_orders_total", "result", k_udp_names[i], g_mtr.udp_orders[i]);
     head(t, "vsk_udp_lock_failopen_total", "counter",
          "Channel orders taken without the fleet lock because its database was unreachable.");
-    mtr_printf(t, "vsk_udp_lock_failopen_total %llu\n",
-               static_cast<unsigned long long>(g_mtr.udp_lock_failopen));
+    mtr_printf(t, "vsk_udp_lock_failopen_total %lu\n", udl_lock_fail_open_count());
 
     head(t, "vsk_registrations_total", "counter", "Registrations in the segment registry, by result.");
     for (size_t i = 0; i < MTR_REG_COUNT; ++i)

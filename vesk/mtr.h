@@ -57,9 +57,6 @@ struct mtr_counters {
     uint64_t dur_buckets[MTR_DUR_BUCKETS + 1]; // per bucket (not cumulative); last is +Inf
     uint64_t dur_count;
     uint64_t dur_sum_us;
-    // Channel orders taken without the fleet lock because its database could not be reached
-    // ("fail open"). The fleet-lock code bumps it; nothing else does.
-    uint64_t udp_lock_failopen;
     time_t start_time;     // wall clock at start, seconds
     timespec start_mono;   // monotonic clock at start, for the uptime
 };

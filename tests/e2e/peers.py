@@ -68,6 +68,7 @@ http {{
         listen 127.0.0.1:{port};
         server_name localhost;
         root {d}/www;
+        {extra}
     }}
 }}
 """
@@ -76,14 +77,15 @@ http {{
 class Nginx:
     """A static file server over a temporary document root."""
 
-    def __init__(self, workdir: Path, port: int):
+    def __init__(self, workdir: Path, port: int, extra=""):
+        """`extra`: directives for the server block, e.g. "limit_rate 1k;" for slow downloads."""
         self.dir = workdir
         self.port = port
         self.root = workdir / "www"
         self.root.mkdir(parents=True, exist_ok=True)
         (workdir / "tmp").mkdir(exist_ok=True)
         self.conf = workdir / "nginx.conf"
-        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port))
+        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port, extra=extra))
         self.error_log = workdir / "error.log"
         self.proc = None
 

@@ -180,7 +180,7 @@ def test_channel_orders_are_counted_by_result(agent, nginx, bad_source):
     s = wait_scrape(agent, lambda s: sum(s.family("vsk_udp_orders_total").values()) == 5)
     assert s.family("vsk_udp_orders_total") == {"started": 2, "locked": 1, "malformed": 2,
                                                  "local": 0, "refused": 0, "denied": 0, "error": 0}
-    assert s("vsk_tasks_active") == 1 and s("vsk_udp_lock_failopen_total") == 0
+    assert s("vsk_tasks_active") == 1
 
 
 def test_allowed_clients_hold_for_the_admin_listener_and_denied_datagrams_count(agent, nginx):
@@ -219,6 +219,27 @@ def test_registrations_and_the_registry_link(agent, nginx, redis):
     assert st["registry"] == {"configured": True, "link_up": True, "pending": 0}
     redis.stop()
     wait_scrape(agent, lambda s: s("vsk_registry_link_up") == 0)
+
+
+def test_orders_taken_without_a_fleet_lock_are_counted(agent, nginx, redis):
+    for n in ("l1.ts", "l2.ts"):
+        nginx.put(f"seg/{n}", BODY)
+    with_channel(agent, lock_backend="redis")
+    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port, "sha1_dir": str(redis.sha1_dir)}
+    agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
+    admin_on(agent).start()
+    agent.wait_for_log(r"udl_ctx_start: request locks in Redis as")
+    agent.wait_for_log(r"lbdb_link: link to .* ready")
+
+    def url(n):
+        return f"http://127.0.0.1:{agent.port}/src/{nginx.url('seg/' + n)}/dst/seg/{n}"
+    send(agent, order("lk0001", url("l1.ts")), r"downloaded: ")
+    assert Scrape(agent)("vsk_udp_lock_failopen_total") == 0
+    redis.stop()
+    wait_scrape(agent, lambda s: s("vsk_registry_link_up") == 0)
+    send(agent, order("lk0002", url("l2.ts")), r"order taken anyway")
+    s = wait_scrape(agent, lambda s: s("vsk_udp_orders_total", result="started") == 2)
+    assert s("vsk_udp_lock_failopen_total") == 1
 
 
 ADMIN_CASES = [
