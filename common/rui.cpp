@@ -500,8 +500,10 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
         rc = setup_connection(__func__, fd, peer.ss_family, srv, flags, data);
         if (rc != 0) {
             zlog(L_ERR, "Error rc=%d processing connection [%s] fd=%d\n", rc, shown, fd);
-            if (rc == EBUSY)
+            if (rc == EBUSY) {
                 answer_busy(fd);
+                ++srv->busy_refused;
+            }
             W_close(__func__, fd);
             continue;
         }

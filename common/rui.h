@@ -89,6 +89,7 @@ struct rui_socket_ctx {
     rui_socket_cb* cb;   // the request type's callbacks
     bool paused;         // out of descriptors: not accepting until resume_tm
     timespec resume_tm;  // loop time at which a paused listener accepts again
+    size_t busy_refused; // connections answered 503 because the listener held its limit
 };
 
 struct rui_ctx {

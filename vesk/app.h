@@ -67,6 +67,8 @@ void free_dw_elem(void* data, size_t i);
 // Frees every task of the table.
 void rm_all_tasks();
 void set_dw_state(dw_task* dw, n32_tag state);
+// Notes why the task ends unless a reason is noted already (a failure often cascades).
+void dw_set_end(dw_task* dw, mtr_end why);
 // A state tag from its text ("ini", "rsp", "dnl").
 n32_tag dw_state(const char (&s)[4]);
 

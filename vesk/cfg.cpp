@@ -194,6 +194,24 @@ static int load_sections(const config_t* lc, vesk_cfg* cfg)
         load_acl(lc, "vesk.deny_sources", false, &cfg->deny_sources))
         return -1;
 
+    // The admin listeners answer /metrics and /status; none without the group.
+    s = config_lookup(lc, "vesk.admin_input");
+    if (s) {
+        const int type = config_setting_type(s);
+        if (type != CONFIG_TYPE_GROUP && type != CONFIG_TYPE_LIST) {
+            zlog(L_ERR, "%s: vesk.admin_input must be a listener group or a list of them\n",
+                 "load_config");
+            return -1;
+        }
+        rc = get_listeners("admin", s, cfg->rui.admin);
+        if (rc || !cfg->rui.admin[0].is_valid) {
+            zlog(L_ERR, "%s: failed to load admin listener(s) of vesk.admin_input\n",
+                 "load_config");
+            return rc ? rc : -1;
+        }
+        cfg->rui.admin_request_tmout = D_URQ_TMOUT_MS;
+    }
+
     s = config_lookup(lc, "vesk.lbdb");
     if (s && (rc = load_lbdb_cfg(s, &cfg->lbdb)) != 0)
         return rc;

@@ -14,6 +14,7 @@
 #include "log.h"
 #include "main.h"
 #include "meta.h"
+#include "mtr.h"
 #include "netops.h"
 #include "rqs.h"
 #include "srcacl.h"
@@ -153,6 +154,7 @@ int urq_read(dw_urq* urq)
     if (rc == 104) {
         // The client is gone: nothing can be answered, and no later event of this batch can
         // refer to the request, since its descriptor leaves the loop right here.
+        ++g_mtr.clients_gone;
         rui_rm_request(urq);
         return 0;
     }
@@ -194,7 +196,10 @@ int urq_read(dw_urq* urq)
             urq->hresp = &g_resp_err;
         if (!urq->hresp->server || !urq->hresp->server[0])
             urq->hresp->server = get_app_tag(g_app_name);
-        (void)send_http_response(urq->sockfd, urq->hresp);
+        if (send_http_response(urq->sockfd, urq->hresp) == 0)
+            mtr_answer(urq->hresp->code);
+        else
+            ++g_mtr.clients_gone;
     }
     urq_set_state(urq, mk_state(ST_QUI));
     pprm_urq(urq);

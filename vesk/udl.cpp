@@ -18,6 +18,7 @@
 #include "ioh.h"
 #include "lbquery.h"
 #include "log.h"
+#include "mtr.h"
 #include "rq.h"
 #include "rqs.h"
 #include "strops.h"
@@ -117,16 +118,22 @@ struct lock_order {
 };
 
 // Steps of an order once its lock is held: the download, or the registration of a local URL.
+// Every order that gets this far is counted here, by what became of it.
 int take_order(const char* lid, const char* url, time_t expiry)
 {
     dw_spec spec{};
     int rc = parse_url(url, lid, &spec);
-    if (rc != 0)
+    if (rc != 0) {
+        // 17: a fresh unfinished file of that name is being written; 13: a source that is not
+        // allowed. The message itself is fine in both cases.
+        mtr_udp_order(rc == 17 ? MTR_UDP_REFUSED : rc == 13 ? MTR_UDP_DENIED : MTR_UDP_MALFORMED);
         return rc;
+    }
     spec.expiry_tm = expiry;
     zlog(L_DEBUG, "%s: expiry time: %ld\n", "udl_accept", static_cast<long>(expiry));
 
     if (is_local_url(spec.url)) {
+        mtr_udp_order(MTR_UDP_LOCAL);
         zlog(L_DEBUG, "%s: [%s] is local URL, no download required\n", "udl_accept", spec.url);
         if (g_cfg->lbdb.port > 0) {
             zlog(L_DEBUG, "%s: adding local URL to LBDB\n", "udl_accept");
@@ -135,7 +142,10 @@ int take_order(const char* lid, const char* url, time_t expiry)
     } else {
         // Nobody waits for an answer, and a refused order keeps its lock until it goes
         // stale: that throttles repeated announcements of the same order.
-        (void)mk_dw_task(-1, &spec);
+        const int started = mk_dw_task(-1, &spec);
+        mtr_udp_order(started == 0    ? MTR_UDP_STARTED
+                      : started == 13 ? MTR_UDP_DENIED
+                                      : MTR_UDP_REFUSED);
     }
     return rc;
 }
@@ -193,6 +203,7 @@ void on_lock_reply(void* arg, const redisReply* reply, int status)
     }
     if (status == LBQ_ST_REPLY && reply->type == REDIS_REPLY_NIL) {
         zlog(L_INFO, "%s: [%s] already engaged, will skip\n", "udl_accept", o->lid);
+        mtr_udp_order(MTR_UDP_LOCKED);
     } else if (status == LBQ_ST_REPLY && reply->type == REDIS_REPLY_STATUS &&
                std::strcmp(reply->str, "OK") == 0) {
         zlog(L_DEBUG, "%s: [%s] locked as [%s]\n", "udl_lock", o->lid, g_agent_id);
@@ -375,6 +386,8 @@ int udl_accept(udl_ctx* udl)
     time_t expiry = 0;
     int rc = 0;
     bool locked = false;
+    // What the datagram counts as when it fails before take_order, which counts the rest.
+    mtr_udp result = MTR_UDP_ERROR;
 
     // One datagram per event; the steps below each end the order on failure, and every failure
     // is reported once at the end.
@@ -394,9 +407,12 @@ int udl_accept(udl_ctx* udl)
         // it takes no lock and starts nothing.
         static rate_gate gate;
         if (!rui_client_admitted(__func__, "datagram", reinterpret_cast<sockaddr*>(&peer), plen,
-                                 &gate))
+                                 &gate)) {
+            mtr_udp_order(MTR_UDP_DENIED);
             return 0;
+        }
         zlogf(L_DEBUG, "%s: read %zd bytes from fd%d\n", n, udl->sockfd);
+        result = MTR_UDP_MALFORMED;
         // The length is judged on what arrived, before any line end is trimmed.
         if (n < MIN_UMSG_LEN || n > MAX_UMSG_LEN) {
             zlogf(L_ERR, "%s: invalid message length: %zd (min/max=%d/%d)\n", n, MIN_UMSG_LEN,
@@ -424,14 +440,20 @@ int udl_accept(udl_ctx* udl)
         rc = lid_lock(lid);
         if (rc == 16) {
             zlogf(L_INFO, "%s: [%s] already engaged, will skip\n", lid);
+            mtr_udp_order(MTR_UDP_LOCKED);
             return 0;
         }
-        if (rc != 0)
+        if (rc != 0) {
+            result = MTR_UDP_ERROR;
             break;
+        }
         locked = true;
         rc = take_order(lid, url, expiry);
+        end_order(lid, url, rc, locked);
+        return 0;
     } while (false);
 
+    mtr_udp_order(result);
     end_order(lid, url, rc, locked);
     return 0;
 }
