@@ -1,6 +1,9 @@
 # Two set-up commands: `make run` and `make test` (see README.md).
 RELEASE_DIR := build/release
 TEST_DIR    := build/test
+FUZZ_DIR    := build/fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= client_request source_answer udp_order config_file
 JOBS        ?= $(shell nproc)
 # `make install` puts the agent under PREFIX, staged under DESTDIR when that is set. The release
 # tree is configured with the prefix, because the installed configuration and unit name
@@ -11,7 +14,7 @@ DESTDIR     ?=
 PACKAGE_DIR ?= build/package
 RELEASE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g"
 
-.PHONY: all deps bench-deps build build-test run test bench install package clean
+.PHONY: all deps bench-deps build build-test run test fuzz bench bench-acl install package clean
 
 all: build
 
@@ -41,11 +44,29 @@ run: deps build
 test: deps build-test
 	cd $(TEST_DIR) && ctest --output-on-failure -j $(JOBS)
 
+$(FUZZ_DIR)/build.ninja:
+	CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	      -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DVSK_FUZZ=ON
+
+# Fuzzes every parser of outside input for FUZZ_SECONDS each (clang is installed on demand: only
+# this target needs it). FUZZ_TARGETS picks some of them.
+fuzz:
+	@scripts/install-deps.sh clang libclang-rt-dev
+	$(MAKE) $(FUZZ_DIR)/build.ninja
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
 # The release build side by side with cp -r, curl -Z and an aria2c RPC daemon on the same files:
 # one table (build/bench/bench.md) and chart (bench.svg). Not a test; BENCH_ARGS=--quick for a
 # smoke run, BENCH_ARGS="--inflight 4096" adds 4096 requests in flight on one listener.
 bench: bench-deps build
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
+
+# Cost of one access-list look-up (allow_clients, allow_sources, deny_sources) in the release
+# build, in nanoseconds. Not a test.
+bench-acl: $(RELEASE_DIR)/build.ninja
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target acl_bench
+	$(RELEASE_DIR)/acl_bench
 
 install: deps
 	cmake -S . -B $(RELEASE_DIR) $(RELEASE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)

@@ -171,8 +171,13 @@ static int load_listener_max_queued(const config_setting_t* setting, rui_listene
     if (config_setting_lookup_int(setting, "max_queued", &num) != CONFIG_TRUE)
         return 0;
     if (num < 1 || num > RUI_MAX_QUEUED_LIMIT) {
-        zlog(L_ERR, "%s: web_input.max_queued = %d is out of range (1..%d)\n",
-             "load_listener_from", num, RUI_MAX_QUEUED_LIMIT);
+        // The error names the group the listener stands in ("web_input", "admin_input"): a
+        // listener of a list has no name of its own.
+        const char* group = config_setting_name(setting);
+        if (!group && config_setting_parent(setting))
+            group = config_setting_name(config_setting_parent(setting));
+        zlog(L_ERR, "%s: %s.max_queued = %d is out of range (1..%d)\n", "load_listener_from",
+             group ? group : "web_input", num, RUI_MAX_QUEUED_LIMIT);
         return -1;
     }
     l->max_queued = static_cast<size_t>(num);

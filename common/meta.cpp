@@ -80,6 +80,19 @@ const char* get_app_tag(const char* name)
     return tag;
 }
 
+const char* get_app_version()
+{
+    static char version[32];
+    if (!version[0])
+        snprintf(version, sizeof(version), "%s-%d.%d", k_version, k_major, k_minor);
+    return version;
+}
+
+const char* get_app_family()
+{
+    return k_family;
+}
+
 void dump_build_info(FILE* stream)
 {
     fprintf(stream, "----\n");

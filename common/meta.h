@@ -11,4 +11,7 @@ const char* app_description(const char* tag);
 const char* get_app_info(const char* tag, uint32_t checksum);
 // "name/0.2-0.7 (torbella)", built once; later calls (any argument, null too) return it.
 const char* get_app_tag(const char* name);
+// The version alone ("0.2-0.7") and the family name, for the build identity in the metrics.
+const char* get_app_version();
+const char* get_app_family();
 void dump_build_info(FILE* stream);

@@ -363,20 +363,14 @@ static void drop_datagrams(const char* who, const rui_socket_ctx* srv, const cha
 // count of failures not logged goes out with the next warning.
 static void log_out_of_fds(const char* who, const char* alias, int err)
 {
-    static timespec last_tm;
-    static bool logged = false;
-    static unsigned long suppressed = 0;
+    static rate_gate gate;
     static constexpr timespec interval = {1, 0};
-    if (logged && !timed_out(&last_tm, &interval)) {
-        ++suppressed;
+    unsigned long suppressed = 0;
+    if (!rate_gate_pass(&gate, &interval, &suppressed))
         return;
-    }
     zlog(L_WARN, "%s(%s): accept() ERROR(%d): %s; not accepting for %d ms (%lu such errors "
                  "suppressed)\n",
          who, alias, err, strerror(err), RUI_ACCEPT_BACKOFF_MS, suppressed);
-    last_tm = *rqs_now_ref();
-    logged = true;
-    suppressed = 0;
 }
 
 // Out of descriptors the pending connection stays in the kernel's queue, and a level-triggered
@@ -425,6 +419,31 @@ static void answer_busy(int fd)
     (void)shutdown(fd, SHUT_WR);
 }
 
+static const acl_list* g_client_filter;
+
+void rui_set_client_filter(const acl_list* allowed)
+{
+    g_client_filter = allowed && !acl_is_empty(allowed) ? allowed : nullptr;
+}
+
+bool rui_client_admitted(const char* who, const char* what, const sockaddr* peer, socklen_t plen,
+                         rate_gate* gate)
+{
+    if (!g_client_filter || peer->sa_family == AF_UNIX || acl_match_addr(g_client_filter, peer))
+        return true;
+    // A flood from a scanner must not flood the log: one line a second names the last peer and
+    // the count held back.
+    static constexpr timespec interval = {1, 0};
+    unsigned long held = 0;
+    if (rate_gate_pass(gate, &interval, &held)) {
+        char ptext[INET6_ADDRSTRLEN + 128];
+        const char* shown = saddr_str(const_cast<sockaddr*>(peer), plen, ptext, sizeof ptext);
+        zlog(L_WARN, "%s: %s from %s refused: not an allowed client (%lu more refused before)\n",
+             who, what, shown ? shown : "?", held);
+    }
+    return false;
+}
+
 static bool is_datagram_listener(const rui_socket_ctx* srv)
 {
     return srv->lc && !srv->lc->domain_path[0] && srv->lc->proto == IPPROTO_UDP;
@@ -439,8 +458,9 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
         return 0;
     }
     size_t accepted = 0;
+    size_t refused = 0;
     int rc = 0;
-    while (!g_quit && max_accept > 0 && accepted < max_accept) {
+    while (!g_quit && max_accept > 0 && accepted + refused < max_accept) {
         sockaddr_storage peer{};
         static_assert(sizeof peer == 128);
         socklen_t plen = sizeof peer;
@@ -467,6 +487,15 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
             }
             break;
         }
+        // A refused peer is closed before anything is read or allocated for it, without an
+        // answer that would tell a scanner more than the closed connection does.
+        static rate_gate gate;
+        if (!rui_client_admitted(__func__, "connection", reinterpret_cast<sockaddr*>(&peer), plen,
+                                 &gate)) {
+            W_close(__func__, fd);
+            ++refused;
+            continue;
+        }
         char ptext[INET6_ADDRSTRLEN + 128];
         const char* shown = saddr_str(reinterpret_cast<sockaddr*>(&peer), plen, ptext, sizeof ptext);
         if (!shown)
@@ -476,8 +505,10 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
         rc = setup_connection(__func__, fd, peer.ss_family, srv, flags, data);
         if (rc != 0) {
             zlog(L_ERR, "Error rc=%d processing connection [%s] fd=%d\n", rc, shown, fd);
-            if (rc == EBUSY)
+            if (rc == EBUSY) {
                 answer_busy(fd);
+                ++srv->busy_refused;
+            }
             W_close(__func__, fd);
             continue;
         }

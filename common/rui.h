@@ -6,10 +6,13 @@
 #include <cstdint>
 #include <ctime>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
+#include "acl.h"
 #include "appcfg.h"
 #include "dlep.h"
+#include "timeop.h"
 #include "xvdat.h"
 #include "ztypes.h"
 
@@ -86,6 +89,7 @@ struct rui_socket_ctx {
     rui_socket_cb* cb;   // the request type's callbacks
     bool paused;         // out of descriptors: not accepting until resume_tm
     timespec resume_tm;  // loop time at which a paused listener accepts again
+    size_t busy_refused; // connections answered 503 because the listener held its limit
 };
 
 struct rui_ctx {
@@ -102,6 +106,17 @@ const char* rui_type_name(int type);
 
 // Copies the callbacks of `type` (0..RUI_MAX-1, asserted). Must precede rui_ctx_init.
 void rui_set_cb(int type, const rui_socket_cb* cb);
+
+// Admits connections on network listeners only from addresses in `allowed` (kept by the caller
+// for as long as listeners run); null or an empty list admits everyone. Others are closed at
+// accept without an answer and logged at most once a second. Unix-domain listeners are exempt.
+void rui_set_client_filter(const acl_list* allowed);
+
+// Whether a connection or datagram from `peer` (`plen` bytes) passes that filter. A refusal is
+// logged at warning level under `who` as "<what> from <peer> refused", at most once a second per
+// `gate`, with the count of the refusals held back since the last line.
+[[nodiscard]] bool rui_client_admitted(const char* who, const char* what, const sockaddr* peer,
+                                       socklen_t plen, rate_gate* gate);
 
 // Sets up the listener slots of user, admin and custom from `cfg`; 0 or the first failure. The
 // context is reset first; slots set up before a failure are released by rui_ctx_destroy.

@@ -1,17 +1,21 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, skipping what is present.
 # As non-root it prints the apt-get command and fails instead. `--bench` adds the peers of the
-# side-by-side benchmark (`make bench`), which the build and the tests do not need.
+# side-by-side benchmark (`make bench`); package names as arguments install those instead (make
+# fuzz asks for clang that way). The build and the tests need neither.
 set -euo pipefail
 
 # dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
-# and man-db: the manual page checks. systemd is not pulled in for systemd-analyze: the unit check
+# and man-db: the manual page checks; python3-prometheus-client: the metrics test parses scrapes
+# with the exposition parser of the metrics format's own client. systemd is not pulled in for systemd-analyze: the unit check
 # is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
       libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat
-      dpkg-dev file groff-base man-db)
+      dpkg-dev file groff-base man-db python3-prometheus-client)
 if [ "${1:-}" = "--bench" ]; then
   PKGS+=(aria2 python3-matplotlib)
+elif [ $# -gt 0 ]; then
+  PKGS=("$@")
 fi
 
 missing=()

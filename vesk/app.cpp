@@ -19,12 +19,15 @@
 #include "cfg.h"
 #include "fdio.h"
 #include "lbquery.h"
+#include "adm.h"
 #include "log.h"
 #include "main.h"
+#include "mtr.h"
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
 #include "spool.h"
+#include "srcacl.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -217,6 +220,9 @@ int init_vesk_ctx()
     ZASSERT(!g_ctx.is_ready);
     set_tag32(&urq_cb.tag, "URQ");
     rui_set_cb(RUI_USER, &urq_cb);
+    rui_set_cb(RUI_ADMIN, &adm_cb);
+    mtr_init();
+    rui_set_client_filter(&g_cfg->allow_clients);
     (void)raise_nofile_limit(g_cfg->max_tasks);
 
     int rc = rui_ctx_init(&g_cfg->rui, &g_ctx.rui);
@@ -330,6 +336,7 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag)
     dw->idx = j;
     dw->sfd = dw->dfd = dw->cfd = -1;
     set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+    dw->start_tm = dw->last_io_tm;
 
     const char* key = url2key(dw->spec.url);
     void* data = dw;
@@ -339,6 +346,7 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag)
         return nullptr;
     }
     dw->is_hashed = true;
+    ++g_mtr.tasks_started;
     // While a task lives the loop's wait must end in time for its stall check.
     if (g_cfg->end_stalled_tasks)
         set_timeout(IDLE_TASK_TMOUT, task_check_ms());
@@ -349,6 +357,12 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag)
     zlogf(L_DEBUG, "%s: %s (%p), j=%zd k=[%s] added\n", dw->trk_tag.sym8, static_cast<void*>(dw), j,
           key);
     return dw;
+}
+
+void dw_set_end(dw_task* dw, mtr_end why)
+{
+    if (dw->end_reason == MTR_END_NONE)
+        dw->end_reason = why;
 }
 
 void set_dw_state(dw_task* dw, n32_tag state)
@@ -365,10 +379,15 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
     sctx->skip_http = true; // the GET goes out from request_data_stream once connected
     sctx->timeout_ms = DW_SRC_TMOUT_MS;
     sctx->host_addr = addr;
+    // The host was judged by name when the request came in; the address it was looked up to is
+    // judged here, before it is connected.
+    sctx->sspec.addr_ok = src_addr_allowed;
     const int fd = usock_open(url, sctx);
     sctx->host_addr = nullptr;
     if (fd < 0) {
+        const int err = errno;
         zlogf(L_ERR, "%s: failed to open [%s]\n", url);
+        errno = err;
         return -1;
     }
     zlogf(L_DEBUG, "%s: opened fd%d [%s]\n", fd, url);
@@ -378,12 +397,13 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
 static void answer_client(dw_task* dw);
 
 // Connects the task to its source at `addr` (null: the URL's own host) and waits for the
-// connection to become writable. 0, or the failure (logged); the caller removes the task.
+// connection to become writable. 0, 13 when the address is refused by src_addr_allowed, or
+// another failure (logged); the caller removes the task.
 static int open_source(dw_task* dw, const char* addr)
 {
     dw->sfd = connect_to_src(dw->spec.url, addr, &dw->sctx);
     if (dw->sfd == -1)
-        return -1;
+        return errno == EACCES ? 13 : -1;
     if (const int rc = rqs_add_writer(dw->sfd, dw)) {
         zlogf(L_ERR, "%s: rqs_add_writer(fd%d,..) failed for %s\n", dw->sfd, dw->spec.url);
         return rc;
@@ -394,7 +414,8 @@ static int open_source(dw_task* dw, const char* addr)
 }
 
 // The end of the look-up of a task's source host. A name that did not resolve fails the task as
-// an unreachable source always has: the client gets the 500 a failed open gives.
+// an unreachable source always has: the client gets the 500 a failed open gives. A name that
+// resolved to a refused address gets the 403 a refused source gets.
 static void on_src_resolved(void* arg, int status, const char* addr)
 {
     auto* dw = static_cast<dw_task*>(arg);
@@ -408,8 +429,9 @@ static void on_src_resolved(void* arg, int status, const char* addr)
         zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
     if (rc == 0)
         return;
+    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
     if (dw->cfd >= 0) {
-        dw->hresp = &g_resp_err;
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
         answer_client(dw);
     }
     (void)pprm_task(dw);
@@ -463,7 +485,8 @@ static int start_source(dw_task* dw, bool may_reuse)
 
 // A pooled connection that the source closed before it answered is not the download's failure:
 // the task starts over once on a new connection, and its client sees only the one answer. When
-// that cannot start, the client gets the 500 of a failed open and the task is listed for removal.
+// that cannot start, the client gets the 500 of a failed open (403 for a refused address) and the
+// task is listed for removal.
 static void retry_on_new_source(dw_task* dw)
 {
     zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
@@ -473,10 +496,12 @@ static void retry_on_new_source(dw_task* dw)
     dw->src_reused = false;
     dw->state.num = 0;
     set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
-    if (start_source(dw, false) == 0)
+    const int rc = start_source(dw, false);
+    if (rc == 0)
         return;
+    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
     if (dw->cfd >= 0) {
-        dw->hresp = &g_resp_err;
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
         answer_client(dw);
     }
     (void)pprm_task(dw);
@@ -513,6 +538,7 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
     if (const int rc = start_source(dw, true)) {
+        dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
         // The socket is still the request's, which answers the failure itself.
         dw->cfd = -1;
         free_dw(dw);
@@ -552,8 +578,12 @@ static void answer_client(dw_task* dw)
     ZASSERT(dw->cfd >= 0);
     dw->hresp->server = get_app_tag(g_app_name);
     zlogf(L_DEBUG, "%s: sending response to client fd%d\n", dw->cfd);
-    if (send_http_response(dw->cfd, dw->hresp) == 0)
+    if (send_http_response(dw->cfd, dw->hresp) == 0) {
+        mtr_answer(dw->hresp->code);
         zlogf(L_DEBUG, "%s: HTTP%d response sent to fd%d\n", dw->hresp->code, dw->cfd);
+    } else {
+        ++g_mtr.clients_gone;
+    }
     (void)W_close(__func__, dw->cfd);
     zlogf(L_DEBUG, "%s: fd%d client connection closed\n", dw->cfd);
     dw->cfd = -1;
@@ -638,6 +668,7 @@ void free_dw(dw_task* dw)
         dw->spec.lid[0] = '\0';
     }
     if (dw->idx >= 0) {
+        ++g_mtr.tasks_ended[dw->end_reason == MTR_END_NONE ? MTR_END_OTHER : dw->end_reason];
         (void)xvlst_del(&g_ctx.tasks, static_cast<size_t>(dw->idx), nullptr);
         dw->idx = -1;
         if (g_cfg->end_stalled_tasks)
@@ -651,6 +682,14 @@ void free_dw_elem(void* data, size_t i)
 }
 
 // pprm_tasks holds pointers to tasks.
+// Tasks still in flight when the agent quits.
+static void free_dw_at_shutdown(void* data, size_t i)
+{
+    dw_task* dw = static_cast<dw_task*>(data) + i;
+    dw_set_end(dw, MTR_END_SHUTDOWN);
+    free_dw(dw);
+}
+
 static void free_dw_ptr_elem(void* data, size_t i)
 {
     free_dw(static_cast<dw_task**>(data)[i]);
@@ -660,7 +699,7 @@ void rm_all_tasks()
 {
     if (g_ctx.tasks.len) {
         zlogf(L_DEBUG, "%s: %zu tasks to purge:\n", g_ctx.tasks.len);
-        xvlst_purge_all(&g_ctx.tasks, free_dw_elem);
+        xvlst_purge_all(&g_ctx.tasks, free_dw_at_shutdown);
     } else {
         zlogf(L_DEBUG, "%s: no tasks to purge.\n");
     }
@@ -685,6 +724,7 @@ int request_data_stream(dw_task* dw)
         zlogf(L_DEBUG, "%s: awaiting response from %s\n", dw->spec.url);
         return 0;
     }
+    dw_set_end(dw, MTR_END_SOURCE_UNREACHABLE);
     dw->hresp = &g_resp_bad;
     if (dw->cfd >= 0)
         answer_client(dw);
@@ -727,13 +767,19 @@ int read_src_response(dw_task* dw)
         return 11;
     }
     const bool got_status = rc == 0;
+    // A head whose framing is in doubt could store a wrong file as complete: it fails like a
+    // refused answer, and the one line says what was wrong and who sent it.
+    if (rc == -1 && resp.malformed[0])
+        zlogf(L_ERR, "%s: malformed answer from [%s]: %s\n", dw->spec.url, resp.malformed);
     if (rc == 0) {
         if (resp.code >= 200 && resp.code <= 299) {
             if (check_dest_path(dw->spec.fpath) == -16) {
                 dw->hresp = &g_resp_denied;
                 rc = -16;
+                dw_set_end(dw, MTR_END_DEST_EXISTS);
             } else if ((rc = mk_dest_file(dw, buf, &resp))) {
                 dw->hresp = &g_resp_err;
+                dw_set_end(dw, rc == 22 ? MTR_END_MALFORMED_ANSWER : MTR_END_WRITE_ERROR);
             } else {
                 dw->hresp = &g_resp_ok;
                 // Bytes beyond the announced length would be taken for the next answer's.
@@ -743,7 +789,11 @@ int read_src_response(dw_task* dw)
         } else {
             zlogf(L_ERR, "%s: expected HTTP 2xx, got HTTP %d\n", resp.code);
             rc = -1;
+            dw_set_end(dw, MTR_END_SOURCE_REFUSED);
         }
+    } else {
+        // The source closed, reset or sent a head that cannot be read.
+        dw_set_end(dw, MTR_END_MALFORMED_ANSWER);
     }
     free(buf);
 
@@ -878,6 +928,7 @@ int dw_tmout_check(void* data, size_t i)
     const long ms = (d.tv_sec > LONG_MAX / 1000 - 1) ? -1L : d.tv_sec * 1000 + d.tv_nsec / 1000000;
     zlog(L_WARN, "[%s] (%p) timed out after %ld ms\n", dw->trk_tag.sym8, static_cast<void*>(dw),
          ms);
+    dw_set_end(dw, MTR_END_STALLED);
     // A requester still waiting for the head learns that the source did not answer in time.
     if (dw->cfd >= 0) {
         dw->hresp = &g_resp_gwtmo;
@@ -949,10 +1000,10 @@ bool can_mmap_dw(const dw_task* dw)
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
 {
     const bool has_tail = resp->tail >= 1;
-    const ssize_t hdr_len = has_tail ? resp->tail : resp->total;
     ssize_t tail_len = has_tail ? resp->total - resp->tail : 0;
 
-    const long len = extract_num_hdr("Content-Length:", buf, static_cast<size_t>(hdr_len));
+    // Checked by recv_http_response: all digits, and the same value wherever it is repeated.
+    const long len = resp->content_length;
     if (len <= 0) {
         zlogf(L_ERR, "%s: invalid/missing content length: %zd\n", static_cast<ssize_t>(len));
         return 22;
@@ -1043,6 +1094,7 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
             dw->nleft -= static_cast<size_t>(tail_len);
         }
     }
+    g_mtr.bytes_downloaded += static_cast<uint64_t>(dw->f_pos);
     zlogf(L_DEBUG, "%s: created %s for [%s]\n", dw->is_mmapped ? "mmap" : "file", dw->spec.fpath);
     return 0;
 }
@@ -1059,6 +1111,7 @@ int read_fragment(dw_task* dw)
             n = splice_fragment(dw, dw->nleft, &w);
             if (n > 0 && w < n) {
                 zlogf(L_ERR, "%s: under-write to fd%d: %zd/%zd\n", dw->dfd, w, n);
+                dw_set_end(dw, MTR_END_WRITE_ERROR);
                 rc = -1;
             }
         } else {
@@ -1067,6 +1120,7 @@ int read_fragment(dw_task* dw)
                 const ssize_t w = nwrite(dw->dfd, sbuf, static_cast<size_t>(n), 0);
                 if (w < n) {
                     zlogf(L_ERR, "%s: under-write to fd%d: %zd/%zd\n", dw->dfd, w, n);
+                    dw_set_end(dw, MTR_END_WRITE_ERROR);
                     rc = -1;
                 }
             }
@@ -1075,11 +1129,15 @@ int read_fragment(dw_task* dw)
             // The source closed before the announced length arrived; waiting for another event
             // would only see the same end of stream again.
             rc = ECONNRESET;
+            dw_set_end(dw, MTR_END_SOURCE_CLOSED);
         } else if (n < 0) {
             // A spurious wake-up leaves nothing to read: wait for the next event.
             rc = (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : (errno ? errno : -1);
+            if (rc)
+                dw_set_end(dw, MTR_END_SOURCE_CLOSED);
         } else {
             dw->f_pos += n;
+            g_mtr.bytes_downloaded += static_cast<uint64_t>(n);
             if (static_cast<size_t>(n) > dw->nleft)
                 log_abort("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n,
                           dw->nleft);
@@ -1100,6 +1158,7 @@ int complete_download(dw_task* dw)
         const int e = errno;
         zlogf(L_ERR, "%s: msync(%p, %zu) on fd%d ERROR(%d): %s\n", static_cast<void*>(dw->buf),
               dw->buflen, dw->dfd, e, strerror(e));
+        dw_set_end(dw, MTR_END_WRITE_ERROR);
         return -1;
     }
     if (dw->dfd >= 0) {
@@ -1108,11 +1167,14 @@ int complete_download(dw_task* dw)
     }
     if (!owns_dfile(dw)) {
         zlogf(L_ERR, "%s: [%s] is no longer the file this task wrote\n", dw->spec.fpath);
+        dw_set_end(dw, MTR_END_WRITE_ERROR);
         return -1;
     }
     char* tmp_path = strdup(dw->spec.fpath);
-    if (!tmp_path)
+    if (!tmp_path) {
+        dw_set_end(dw, MTR_END_WRITE_ERROR);
         return 12;
+    }
     if (cutoff_segext(dw->spec.fpath) != 0)
         log_assert_fail("cutoff_segext(dw->spec.fpath) == 0", __FILE__, __LINE__, __func__);
 
@@ -1129,8 +1191,16 @@ int complete_download(dw_task* dw)
     if (g_cfg->lbdb.port > 0)
         (void)add_lbdb_url(&dw->spec);
     free(tmp_path);
-    if (rc)
+    if (rc) {
+        dw_set_end(dw, MTR_END_WRITE_ERROR);
         return rc;
+    }
+    dw_set_end(dw, MTR_END_COMPLETED);
+    timespec now, took;
+    set_clk_now(&now, CLOCK_MONOTONIC);
+    tspec_diff(&now, &dw->start_tm, &took);
+    mtr_observe_download_us(static_cast<uint64_t>(took.tv_sec) * 1000000u +
+                            static_cast<uint64_t>(took.tv_nsec) / 1000u);
     zlog(L_NORM, "downloaded: %zu bytes, [%s] to [%s]\n", dw->content_length, dw->spec.url,
          dw->spec.fpath);
     (void)pprm_task(dw);
@@ -1142,6 +1212,12 @@ int complete_download(dw_task* dw)
 static void on_lbdb_added(void* arg, int rc, int status)
 {
     char* url = static_cast<char*>(arg);
+    if (rc == 0)
+        mtr_registration(MTR_REG_OK);
+    else if (status == LBQ_ST_EXPIRED || status == LBQ_ST_DROPPED)
+        mtr_registration(MTR_REG_DROPPED);
+    else
+        mtr_registration(MTR_REG_FAILED);
     if (rc && status != LBQ_ST_EXPIRED && status != LBQ_ST_DROPPED)
         zlog(L_ERR, "%s: failed to add [%s]\n", "add_lbdb_url", url);
     else if (rc == 0)
@@ -1156,6 +1232,7 @@ int add_lbdb_url(const dw_spec* spec)
     const int n = snprintf(url, sizeof(url), "%s/%s", g_cfg->seg_url_pfx, spec->dst_path);
     if (n <= 0 || static_cast<size_t>(n) >= sizeof(url)) {
         zlogf(L_ERR, "%s: n=%d, URL buffer error\n", n);
+        mtr_registration(MTR_REG_FAILED);
         return -1;
     }
     zlogf(L_INFO, "%s: id=[%s], url=[%s], expiry=%lu\n", spec->dst_path, url,
@@ -1168,10 +1245,12 @@ int add_lbdb_url(const dw_spec* spec)
         if (lbdb_add_segurl_cb(spec->dst_path, url, spec->expiry_tm, on_lbdb_added, copy) == 0)
             return 0;
         free(copy);
+        mtr_registration(MTR_REG_FAILED);
         zlogf(L_ERR, "%s: failed to add [%s]\n", url);
         return -1;
     }
     const int rc = lbdb_add_segurl(spec->dst_path, url, spec->expiry_tm);
+    mtr_registration(rc ? MTR_REG_FAILED : MTR_REG_OK);
     if (rc)
         zlogf(L_ERR, "%s: failed to add [%s]\n", url);
     return rc;

@@ -44,10 +44,11 @@ int raise_nofile_limit(size_t max_tasks);
 // when no client waits. On 0 the socket is the task's, which answers and closes it: the caller
 // must give it up at once (rui_detach_fd) and not touch it again. On failure it stays the
 // caller's. 0 when started; -1 over the task limit or when the source cannot be opened or
-// registered; 17 when the same URL (scheme ignored) is being downloaded. On failure nothing of
-// the task is left. A source host given by name is looked up on the
-// loop first (state "res"): a name that does not resolve then fails the started task, which
-// answers its client 500 as a failed open would have.
+// registered; 13 when the source's address is refused by src_addr_allowed; 17 when the same URL
+// (scheme ignored) is being downloaded. On failure nothing of the task is left. A source host
+// given by name is looked up on the loop first (state "res"): a name that does not resolve then
+// fails the started task, which answers its client 500 as a failed open would have, and an
+// address refused by src_addr_allowed answers it 403.
 [[nodiscard]] int mk_dw_task(int cfd, const dw_spec* spec);
 // Takes a slot, fills it from the order and hashes its key. The task, or null (logged).
 dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag);
@@ -67,11 +68,14 @@ void free_dw_elem(void* data, size_t i);
 // Frees every task of the table.
 void rm_all_tasks();
 void set_dw_state(dw_task* dw, n32_tag state);
+// Notes why the task ends unless a reason is noted already (a failure often cascades).
+void dw_set_end(dw_task* dw, mtr_end why);
 // A state tag from its text ("ini", "rsp", "dnl").
 n32_tag dw_state(const char (&s)[4]);
 
 // Opens a non-blocking connection to the http:// `url`, at the numeric address `addr` when given
-// (its host already looked up) and otherwise at the URL's own host; the socket, or -1.
+// (its host already looked up) and otherwise at the URL's own host; the socket, or -1 (errno
+// EACCES when src_addr_allowed refused the address).
 int connect_to_src(const char* url, const char* addr, usock_ctx* sctx);
 // Sends the GET and switches the socket to reading. Always 0: a failure answers the client 400
 // and lists the task for removal.
@@ -112,8 +116,9 @@ bool dest_path_is_safe(const char* dst_path);
 int check_dest_path(const char* path);
 // True when the announced length is at most max_mmap_mb MiB.
 bool can_mmap_dw(const dw_task* dw);
-// Creates and sizes the destination from the response head in `buf` and stores the body bytes
-// already received. 0; 22 without a positive Content-Length; -1 when mapping or writing fails;
+// Creates and sizes the destination for the accepted response head in `buf` (its length is
+// `resp->content_length`, as recv_http_response checked it) and stores the body bytes already
+// received. 0; 22 without a positive Content-Length; -1 when mapping or writing fails;
 // the errno of a failed open or truncate.
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp);
 // Copies what one read of the source yields into the file. 0, -1, or an errno value.

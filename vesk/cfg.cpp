@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include "config.h"
@@ -34,6 +35,8 @@ int init_vesk_config(vesk_cfg* cfg)
     cfg->src_pool_max = D_SRC_POOL_MAX;
     cfg->src_pool_idle_ms = D_SRC_POOL_IDLE_MS;
     cfg->lbdb.max_pending = LBQ_D_MAX_PENDING;
+    cfg->udp_cha.lock_backend = LOCK_BACKEND_FILE;
+    snprintf(cfg->udp_cha.lock_prefix, sizeof(cfg->udp_cha.lock_prefix), "%s", D_LOCK_PREFIX);
     // Listeners given only with -w/-W must still accept connections: without a web_input group
     // nothing else would set the accept batch.
     cfg->rui.max_accept = D_MAX_ACCEPT;
@@ -105,7 +108,76 @@ static int load_udp_input(const config_setting_t* s, udp_lstn_cfg* udp)
     udp->must_lock = lookup_member_bool(s, "must_lock", true);
     if (udp->must_lock)
         (void)load_config_setting_str(s, "lock_dir", udp->lkdir, 127, "/tmp");
+
+    if (const config_setting_t* b = config_setting_get_member(s, "lock_backend")) {
+        const char* v = config_setting_get_string(b);
+        if (v && std::strcmp(v, "file") == 0) {
+            udp->lock_backend = LOCK_BACKEND_FILE;
+        } else if (v && std::strcmp(v, "redis") == 0) {
+            udp->lock_backend = LOCK_BACKEND_REDIS;
+        } else {
+            zlog(L_ERR, "%s: vesk.udp_input.lock_backend must be \"file\" or \"redis\"\n",
+                 "load_config");
+            return -1;
+        }
+    }
+    if (const config_setting_t* p = config_setting_get_member(s, "lock_prefix")) {
+        const char* v = config_setting_get_string(p);
+        // A cut prefix would put the locks of this agent under other keys than its peers' own.
+        if (!v || std::strlen(v) >= sizeof(udp->lock_prefix)) {
+            zlog(L_ERR, "%s: vesk.udp_input.lock_prefix must be a string of at most %zu "
+                        "characters\n",
+                 "load_config", sizeof(udp->lock_prefix) - 1);
+            return -1;
+        }
+        snprintf(udp->lock_prefix, sizeof(udp->lock_prefix), "%s", v);
+    }
     return 0;
+}
+
+// Reads one access list, a list or array of strings: prefixes, and host-name patterns too when
+// `hosts_too`. Absent or empty it admits everyone. A value of another shape or a bad entry fails
+// the load with the key and the entry named, so a typing error cannot silently open the agent up.
+static int load_acl(const config_t* lc, const char* key, bool hosts_too, acl_list* list)
+{
+    std::memset(list, 0, sizeof(*list));
+    const config_setting_t* st = config_lookup(lc, key);
+    if (!st)
+        return 0;
+    const int type = config_setting_type(st);
+    if (type != CONFIG_TYPE_ARRAY && type != CONFIG_TYPE_LIST) {
+        zlog(L_ERR, "%s: %s must be a list of strings\n", "load_config", key);
+        return -1;
+    }
+    const int n = config_setting_length(st);
+    for (int i = 0; i < n; ++i) {
+        const config_setting_t* e = config_setting_get_elem(st, static_cast<unsigned>(i));
+        const char* text = e ? config_setting_get_string(e) : nullptr;
+        if (!text) {
+            zlog(L_ERR, "%s: %s: entry %d is not a string\n", "load_config", key, i + 1);
+            return -1;
+        }
+        const char* why = "";
+        if (acl_add(list, text, hosts_too, &why) != 0) {
+            zlog(L_ERR, "%s: %s: bad entry [%s]: %s\n", "load_config", key, text, why);
+            return -1;
+        }
+    }
+    acl_finish(list);
+    return 0;
+}
+
+static void dump_acl(FILE* stream, const char* title, const acl_list* list)
+{
+    if (acl_is_empty(list))
+        return;
+    fprintf(stream, "\t%-20s =", title);
+    char text[INET6_ADDRSTRLEN + 8];
+    for (size_t i = 0; i < list->npfx; ++i)
+        fprintf(stream, " %s", acl_prefix_str(&list->pfx[i], text, sizeof text));
+    for (size_t i = 0; i < list->nhosts; ++i)
+        fprintf(stream, " %s", list->hosts[i]);
+    fputs("\n", stream);
 }
 
 // The groups read only at the first load: log, runtime, UDP input, web input, DB.
@@ -154,9 +226,40 @@ static int load_sections(const config_t* lc, vesk_cfg* cfg)
         cfg->rui.user_request_tmout = D_URQ_TMOUT_MS;
     }
 
+    if (load_acl(lc, "vesk.allow_clients", false, &cfg->allow_clients) ||
+        load_acl(lc, "vesk.allow_sources", true, &cfg->allow_sources) ||
+        load_acl(lc, "vesk.deny_sources", false, &cfg->deny_sources))
+        return -1;
+
+    // The admin listeners answer /metrics and /status; none without the group.
+    s = config_lookup(lc, "vesk.admin_input");
+    if (s) {
+        const int type = config_setting_type(s);
+        if (type != CONFIG_TYPE_GROUP && type != CONFIG_TYPE_LIST) {
+            zlog(L_ERR, "%s: vesk.admin_input must be a listener group or a list of them\n",
+                 "load_config");
+            return -1;
+        }
+        rc = get_listeners("admin", s, cfg->rui.admin);
+        if (rc || !cfg->rui.admin[0].is_valid) {
+            zlog(L_ERR, "%s: failed to load admin listener(s) of vesk.admin_input\n",
+                 "load_config");
+            return rc ? rc : -1;
+        }
+        cfg->rui.admin_request_tmout = D_URQ_TMOUT_MS;
+    }
+
     s = config_lookup(lc, "vesk.lbdb");
-    if (s)
-        return load_lbdb_cfg(s, &cfg->lbdb);
+    if (s && (rc = load_lbdb_cfg(s, &cfg->lbdb)) != 0)
+        return rc;
+    // Locks in Redis travel on the registry's link; without it there is nowhere to keep them.
+    if (cfg->udp_cha.url[0] && cfg->udp_cha.must_lock &&
+        cfg->udp_cha.lock_backend == LOCK_BACKEND_REDIS && cfg->lbdb.port <= 0) {
+        zlog(L_ERR, "%s: vesk.udp_input.lock_backend = \"redis\" needs the vesk.lbdb group "
+                    "with a port\n",
+             "load_config");
+        return -1;
+    }
     return 0;
 }
 
@@ -278,6 +381,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tUDP input            = [%s] ifc=%s fmt=%s lk=[%s]\n", udp->url,
                 udp->mifc[0] ? udp->mifc : "all", udp->is_gzipped ? "gzip" : "text",
                 udp->must_lock ? udp->lkdir : "none");
+    if (udp->url[0] && udp->must_lock && udp->lock_backend == LOCK_BACKEND_REDIS)
+        fprintf(stream, "\tUDP locks            = redis, keys [%s<lock id>]\n", udp->lock_prefix);
 
     fputs("Misc:\n", stream);
     fprintf(stream, "\tdata directory       = [%s]\n", cfg->data_dir);
@@ -297,6 +402,9 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
     if (cfg->src_pool_max)
         fprintf(stream, "\tidle source pool     = %zu connections, %ld ms\n", cfg->src_pool_max,
                 cfg->src_pool_idle_ms);
+    dump_acl(stream, "allowed clients", &cfg->allow_clients);
+    dump_acl(stream, "allowed sources", &cfg->allow_sources);
+    dump_acl(stream, "denied sources", &cfg->deny_sources);
     fputs("\n", stream);
 
     if (cfg->lbdb.port > 0) {

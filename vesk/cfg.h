@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "acl.h"
 #include "appcfg.h"
 #include "lbquery.h"
 
@@ -26,13 +27,22 @@ enum : size_t {
     DOOR_INDEX = 0,
 };
 
+// Where the UDP channel keeps its request locks.
+enum : int {
+    LOCK_BACKEND_FILE = 0,  // lock files in lock_dir (built-in default)
+    LOCK_BACKEND_REDIS = 1, // keys in the lbdb Redis, shared by agents on many hosts
+};
+inline constexpr char D_LOCK_PREFIX[] = "vsk:lock:";
+
 // The UDP channel input.
 struct udp_lstn_cfg {
     char url[128];  // the channel's address; empty: no channel
     char mifc[32];  // multicast interface; empty: all interfaces
     bool is_gzipped;
-    bool must_lock; // take a lock file per request
+    bool must_lock; // take a lock per request
     char lkdir[128];
+    int lock_backend;     // LOCK_BACKEND_*
+    char lock_prefix[64]; // Redis key of a lock: this prefix and the lock id
 };
 
 struct vesk_cfg {
@@ -53,6 +63,9 @@ struct vesk_cfg {
     long src_pool_idle_ms; // how long one of them may stay idle
     bool splice_to_file;   // buffer path: socket -> pipe -> file in the kernel, not read + write
     lbdb_cfg lbdb;         // lbdb.port 0: no database
+    acl_list allow_clients; // peers that may send requests; empty: everyone
+    acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all
+    acl_list deny_sources;  // source prefixes never fetched, even when allowed
 };
 
 // The process-wide configuration, filled at start-up and read by everything else.

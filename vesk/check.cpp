@@ -157,7 +157,7 @@ void check_runtime(const vesk_cfg* cfg)
 
 void check_udp_channel(const udp_lstn_cfg* udp)
 {
-    if (!udp->url[0] || !udp->must_lock)
+    if (!udp->url[0] || !udp->must_lock || udp->lock_backend == LOCK_BACKEND_REDIS)
         return;
     if (dir_check(udp->lkdir, true) != 0)
         problem("lock directory [%s] (vesk.udp_input.lock_dir) cannot hold lock files\n",

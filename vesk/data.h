@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include "gkh.h"
+#include "mtr.h"
 #include "rsv.h"
 #include "rui.h"
 #include "webops.h"
@@ -76,6 +77,8 @@ struct dw_task {
     size_t buflen;         // length of buf
     uint8_t* buf;          // the mapped destination while is_mmapped, else null
     timespec last_io_tm;   // last I/O on the source socket
+    timespec start_tm;     // when the order was taken; the age in the status and the duration
+    mtr_end end_reason;    // why it ends, counted when it is freed; the first reason set wins
     n32_tag state;         // empty, "res" (host name being looked up), "ini", "rsp" or "dnl"
     rsv_wait* res_wait;    // the look-up of the source host while in "res", else null
     http_response* hresp;  // canned answer chosen for the client

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "adm.h"
 #include "app.h"
 #include "cfg.h"
 #include "check.h"
@@ -480,12 +481,23 @@ int on_read(int fd, int err, void* udata, void* aux)
         if (screen_read_event(dw->sfd, err))
             return dw_read(dw);
         zlogf(L_ERR, "%s: task [%s] (%p) err=%d\n", dw->trk_tag.sym8, udata, err);
+        // Before the GET went out the source was never reached; after it, it went away.
+        const bool sent =
+            dw->state.num == dw_state("rsp").num || dw->state.num == dw_state("dnl").num;
+        dw_set_end(dw, sent ? MTR_END_SOURCE_CLOSED : MTR_END_SOURCE_UNREACHABLE);
         pprm_task(dw);
         return 0;
     }
     case SPL_TAG:
         spl_on_event(static_cast<spl_entry*>(udata));
         return 0;
+    case ADM_TAG: {
+        adm_rq* rq = static_cast<adm_rq*>(udata);
+        if (screen_read_event(rq->sockfd, err))
+            return adm_read(rq);
+        adm_error(rq, (err & RQS_SOCKHUP) != 0);
+        return 0;
+    }
     case RSC_TAG:
         return on_srv_accept(fd, err, static_cast<rui_socket_ctx*>(udata), aux);
     case IOH_TAG:
@@ -515,6 +527,8 @@ int on_write(int fd, int err, void* udata, void* aux)
         return dw_write(static_cast<dw_task*>(udata));
     if (tag->num == IOH_TAG)
         return ioh_dispatch(udata, RQS_WRITE, err);
+    if (tag->num == ADM_TAG)
+        return adm_write(static_cast<adm_rq*>(udata));
     zlogf(L_PANIC, "%s: tag=[%s] err=%d, udata=%p, aux=%p - why are we here?\n", tag->sym4, err,
           udata, aux);
     log_backtrace("Aborting");
@@ -530,6 +544,8 @@ int on_error(int fd, int err, void* udata, void* aux)
     zlogf(L_INFO, "%s: %s (%p), err=0x%04x %s\n", tag->sym4, udata, err, is_hup ? "HUP" : "-");
     if (tag->num == DW_URQ)
         urq_error(static_cast<dw_urq*>(udata), is_hup);
+    else if (tag->num == ADM_TAG)
+        adm_error(static_cast<adm_rq*>(udata), is_hup);
     else if (tag->num == RSC_TAG)
         rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), is_hup);
     else if (tag->num == IOH_TAG)

@@ -14,8 +14,10 @@
 #include "log.h"
 #include "main.h"
 #include "meta.h"
+#include "mtr.h"
 #include "netops.h"
 #include "rqs.h"
+#include "srcacl.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -152,6 +154,7 @@ int urq_read(dw_urq* urq)
     if (rc == 104) {
         // The client is gone: nothing can be answered, and no later event of this batch can
         // refer to the request, since its descriptor leaves the loop right here.
+        ++g_mtr.clients_gone;
         rui_rm_request(urq);
         return 0;
     }
@@ -164,7 +167,9 @@ int urq_read(dw_urq* urq)
             zlogf(L_INFO, "%s: PONG!\n");
             urq->hresp = &g_resp_ok204;
         } else if (rc != 0) {
-            zlogf(L_ERR, "%s: malformed HTTP request: %s\n", urq->hrq.hbuf);
+            // A refused source was named in its own error line; the request itself was fine.
+            if (rc != 13)
+                zlogf(L_ERR, "%s: malformed HTTP request: %s\n", urq->hrq.hbuf);
             if (!urq->hresp)
                 urq->hresp = &g_resp_bad;
         } else if (urq->hrq.header.type == HTTP_HEAD) {
@@ -178,12 +183,12 @@ int urq_read(dw_urq* urq)
                 (void)add_lbdb_url(&spec);
             }
             urq->hresp = &g_resp_ok;
-        } else if (mk_dw_task(urq->sockfd, &spec) == 0) {
+        } else if ((rc = mk_dw_task(urq->sockfd, &spec)) == 0) {
             // The task answers later through the socket, which is now its own.
             rui_detach_fd(urq);
             must_answer = false;
         } else {
-            urq->hresp = &g_resp_err;
+            urq->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
         }
     }
 
@@ -192,7 +197,10 @@ int urq_read(dw_urq* urq)
             urq->hresp = &g_resp_err;
         if (!urq->hresp->server || !urq->hresp->server[0])
             urq->hresp->server = get_app_tag(g_app_name);
-        (void)send_http_response(urq->sockfd, urq->hresp);
+        if (send_http_response(urq->sockfd, urq->hresp) == 0)
+            mtr_answer(urq->hresp->code);
+        else
+            ++g_mtr.clients_gone;
     }
     urq_set_state(urq, mk_state(ST_QUI));
     pprm_urq(urq);
@@ -299,6 +307,8 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec)
 int validate_request(dw_urq* urq, dw_spec* spec)
 {
     const int rc = setup_dw_spec(urq->uri_src, urq->uri_dst, DST_COPY_LEN, spec);
+    if (rc == 13)
+        urq->hresp = &g_resp_denied;
     if (rc == 0)
         zlogf(L_DEBUG, "%s: url=[%s], path=[%s], expiry=%ld\n", spec->url, spec->fpath,
               static_cast<long>(spec->expiry_tm));
@@ -312,6 +322,10 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_len, dw_spec* spec)
         zlogf(L_ERR, "%s: non-HTTP or invalid src=[%s]\n", src);
         return 22;
     }
+    // Judged before anything is made for the request: a refused source leaves no task, no
+    // directory and no file behind. The agent's own URLs are never fetched, only registered.
+    if (!is_local_url(src) && src_url_allowed(src) != 0)
+        return 13;
 
     if (!dst[0]) {
         const char* host = std::strstr(src, "//");

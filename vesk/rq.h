@@ -42,13 +42,15 @@ int read_http_rq(dw_urq* urq);
 // the parser's or setup_dw_spec's code (-3: the bare "/" ping); a failure of the parser also
 // chooses urq->hresp.
 int parse_dw_get(dw_urq* urq, dw_spec* spec);
-// setup_dw_spec with the request's source and destination.
+// setup_dw_spec with the request's source and destination; a refused source (13) chooses
+// the 403 answer.
 int validate_request(dw_urq* urq, dw_spec* spec);
 
 // Fills the order for downloading the http:// URL `src` to the data-directory path `dst`. An empty
 // `dst` is taken from the source's path, so `dst` must have room for `dst_len` + 1 bytes. 0; 22
 // for a source that is not http://, a destination that cannot be derived or that would leave the
-// data directory; 34 for a path or source too long; 17 when a fresh unfinished file of that name
+// data directory; 13 for a source refused by vesk.allow_sources or vesk.deny_sources; 34 for a
+// path or source too long; 17 when a fresh unfinished file of that name
 // exists; or a code of init_spec / check_and_expire.
 int setup_dw_spec(const char* src, char* dst, size_t dst_len, dw_spec* spec);
 // Builds the unfinished path root/dst-Vesk in spec->fpath, creates its missing directories and

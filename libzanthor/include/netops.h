@@ -25,6 +25,10 @@ struct socket_spec {
     bool is_ssm; // source-specific multicast: src_ss is the sender
     struct sockaddr_storage src_ss;
     socklen_t src_len;
+    // Consulted for each resolved address of a client socket before anything is opened for it;
+    // an address it refuses is skipped, and when none is left open_socket fails with EACCES.
+    // Null: every address is tried.
+    bool (*addr_ok)(const struct sockaddr* sa);
 };
 
 // A network interface with one of its addresses. Records are allocated with calloc and belong to

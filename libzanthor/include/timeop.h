@@ -32,6 +32,19 @@ int timed_out_ext(const struct timespec* last_tm, const struct timespec* tmout,
                   const struct timespec* clknow);
 int timed_out_real(const struct timespec* last_tm, const struct timespec* tmout);
 
+// Lets one log line a period through, however often its cause recurs, and counts the rest.
+// Zero-initialised it is open.
+struct rate_gate {
+    struct timespec last_tm; // the loop's clock at the last pass
+    bool passed;             // a line has gone out before
+    unsigned long held;      // lines held back since then
+};
+
+// True when a line may go out now (on the loop's cached clock); `held` then receives the count
+// of the lines held back since the last one, which the caller reports with it.
+[[nodiscard]] bool rate_gate_pass(struct rate_gate* g, const struct timespec* period,
+                                  unsigned long* held);
+
 // delta := a - b; a must not be earlier than b (the assertion keeps its historical text).
 inline void tspec_diff(const struct timespec* pa, const struct timespec* pb, struct timespec* delta)
 {

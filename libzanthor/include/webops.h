@@ -54,6 +54,9 @@ struct http_response {
     const char* fpath; // a file whose contents become the body
 };
 
+// Room for the text that says why a source's answer head was refused as malformed.
+enum : size_t { HTTP_WHY_SIZE = 128 };
+
 // The state of reading a source's response head: the status code, the bytes in the buffer and the
 // offset of the first body byte (0 until the end of the head was seen). Start from a zeroed record
 // and keep it, with its buffer, to resume a partial read.
@@ -61,6 +64,8 @@ struct http_resp_ctx {
     int code;
     ssize_t total;
     ssize_t tail;
+    long content_length;           // of an accepted head: its Content-Length, -1 when absent
+    char malformed[HTTP_WHY_SIZE]; // not empty when the head was refused as malformed: why
 };
 
 // The canned responses; their `server` starts empty.
@@ -94,6 +99,26 @@ const char* find_http_header_n(const char* title, const char* buf, size_t len, s
 // The decimal value of the header `title` in the NUL-terminated `buf` (`len` is not a bound), or
 // -1 when absent or empty. Only the first 31 characters of a longer value are read.
 long extract_num_hdr(const char* title, const char* buf, size_t len);
+
+// The strict reading of a source's answer head `head` of `len` bytes (not necessarily terminated),
+// so that a file is only ever stored from an answer whose framing is beyond doubt. Both return true
+// when the head passes; otherwise false with a printable reason in `why` (`whylen` bytes).
+//
+// The status line must be "HTTP/1.0" or "HTTP/1.1", one space, three digits, then a space or the
+// line end; the code is stored in `*code`. A code below 100 is refused, and so is an interim 1xx
+// answer: no Expect is ever sent, so a 1xx is no final answer. A NUL byte anywhere in the head is
+// refused too, since the rest of the agent reads the head as a string.
+[[nodiscard]] bool check_status_line(const char* head, size_t len, int* code, char* why,
+                                     size_t whylen);
+// The body framing of an answer with status `code`, judged only for 2xx (a body stored as a file):
+// Content-Length must be digits with optional blanks around them, must fit a long, and every
+// repetition must carry the same value; any Transfer-Encoding is refused (only length-delimited
+// bodies are supported); a 206 must have one Content-Range "bytes 0-<N-1>/<N>" with N equal to its
+// Content-Length, i.e. the whole resource. A framing header folded onto a following line, or with
+// blanks before its colon, is refused. `*content_length` receives the value, -1 when absent (that
+// refusal is left to the caller).
+[[nodiscard]] bool check_body_framing(const char* head, size_t len, int code,
+                                      long* content_length, char* why, size_t whylen);
 
 // The offset just behind the end of a head ("\n\n" or "\r\n\r\n") within `buflen` bytes, or 0 when
 // it has not been seen yet.

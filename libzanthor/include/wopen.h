@@ -87,8 +87,12 @@ int send_http_request(int sockfd, const http_request* rq);
 // filled), resuming at `resp->total`: start with a zeroed `resp` and pass the same buffer and
 // context again after 11. On 0 the head is a NUL-terminated string in `buf` (its last marker byte
 // overwritten), `resp->code` is the status and the body starts at `resp->tail`. Returns 0, 11 when
-// more data are needed (EAGAIN), or -1 (end of stream, error, no end of head in a full buffer, or
-// a status line without code and reason).
+// more data are needed (EAGAIN), or -1 (end of stream, error, no end of head in a full buffer, a
+// status line without code and reason, or a malformed head). A malformed head (see
+// check_status_line and check_body_framing) is not logged as an error here: `resp->malformed`
+// says what was wrong, for the caller to report with the source's name. On 0, `resp->content_length`
+// holds the checked Content-Length of a 2xx answer (-1 when absent).
+
 int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp);
 // True when the response head `head` (NUL-terminated, status line first) lets the connection
 // carry another request: HTTP/1.1 without "Connection: close", or HTTP/1.0 with

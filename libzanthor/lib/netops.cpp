@@ -640,6 +640,10 @@ int open_socket(const char* addr, const char* port, const char* auth, struct soc
     for (const addrinfo* ai = res; ai && fd < 0; ai = ai->ai_next) {
         if (ai->ai_addrlen > sizeof(sockaddr_storage))
             continue;
+        if (!spec->passive && spec->addr_ok && !spec->addr_ok(ai->ai_addr)) {
+            last_err = EACCES;
+            continue;
+        }
         // Non-blocking from the start: two fcntl calls fewer per connection.
         const int nb = spec->non_blocking ? SOCK_NONBLOCK : 0;
         fd_guard sock(W_socket(__func__, ai->ai_family, ai->ai_socktype | nb, ai->ai_protocol),

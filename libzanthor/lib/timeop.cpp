@@ -68,6 +68,19 @@ int timed_out(const struct timespec* last_tm, const struct timespec* tmout)
     return timed_out_as(last_tm, tmout, false, nullptr);
 }
 
+bool rate_gate_pass(struct rate_gate* g, const struct timespec* period, unsigned long* held)
+{
+    if (g->passed && !timed_out(&g->last_tm, period)) {
+        ++g->held;
+        return false;
+    }
+    *held = g->held;
+    g->last_tm = *rqs_now_ref();
+    g->passed = true;
+    g->held = 0;
+    return true;
+}
+
 int timed_out_ext(const struct timespec* last_tm, const struct timespec* tmout,
                   const struct timespec* clknow)
 {

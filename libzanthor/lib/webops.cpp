@@ -5,10 +5,13 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
+#include <utility>
 
 #include "fdio.h"
 #include "log.h"
@@ -174,6 +177,198 @@ long extract_num_hdr(const char* title, const char* buf, [[maybe_unused]] size_t
     char num[NUMHDR_MAX];
     copy_cut(num, v, n, NUMHDR_MAX - 1);
     return std::strtol(num, nullptr, 10);
+}
+
+namespace {
+
+constexpr size_t WHY_EXCERPT = 48; // characters of a refused value quoted in the reason
+
+// Formats the reason of a refused head into `why`; always false, for one-line refusals.
+[[gnu::format(printf, 3, 4)]] bool refuse(char* why, size_t whylen, const char* fmt, ...)
+{
+    if (why && whylen) {
+        va_list ap;
+        va_start(ap, fmt);
+        vsnprintf(why, whylen, fmt, ap);
+        va_end(ap);
+    }
+    return false;
+}
+
+// A printable copy of at most WHY_EXCERPT bytes of [s, s + n) for a reason text: a hostile source
+// must not be able to write control characters into the log.
+struct quoted {
+    char text[WHY_EXCERPT + 1];
+    quoted(const char* s, size_t n)
+    {
+        const size_t k = n < WHY_EXCERPT ? n : WHY_EXCERPT;
+        for (size_t i = 0; i < k; ++i) {
+            const auto c = static_cast<unsigned char>(s[i]);
+            text[i] = (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '?';
+        }
+        text[k] = '\0';
+    }
+};
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// The decimal value of [s, s + n) when it is all digits and fits a long, else -1.
+long parse_digits(const char* s, size_t n)
+{
+    if (n == 0)
+        return -1;
+    long v = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (!is_digit(s[i]))
+            return -1;
+        const int d = s[i] - '0';
+        if (v > (LONG_MAX - d) / 10)
+            return -1;
+        v = v * 10 + d;
+    }
+    return v;
+}
+
+// The header fields that frame a body; anything else in a source's head is not looked at here.
+enum framing_field { FF_OTHER, FF_LENGTH, FF_ENCODING, FF_RANGE };
+
+framing_field framing_field_of(const char* name, size_t n)
+{
+    static constexpr std::pair<const char*, framing_field> fields[] = {
+        {"Content-Length", FF_LENGTH},
+        {"Transfer-Encoding", FF_ENCODING},
+        {"Content-Range", FF_RANGE},
+    };
+    for (const auto& [title, ff] : fields)
+        if (std::strlen(title) == n && strncasecmp(name, title, n) == 0)
+            return ff;
+    return FF_OTHER;
+}
+
+// True when the Content-Range value [v, v + n) is "bytes 0-<length - 1>/<length>".
+bool covers_whole_body(const char* v, size_t n, long length)
+{
+    constexpr char unit[] = "bytes 0-";
+    constexpr size_t ulen = sizeof unit - 1;
+    if (length <= 0 || n <= ulen || strncasecmp(v, unit, ulen) != 0)
+        return false;
+    const char* const slash = static_cast<const char*>(std::memchr(v + ulen, '/', n - ulen));
+    if (!slash)
+        return false;
+    const long last = parse_digits(v + ulen, static_cast<size_t>(slash - v) - ulen);
+    const long total = parse_digits(slash + 1, static_cast<size_t>(v + n - slash - 1));
+    return last >= 0 && total == length && last == length - 1;
+}
+
+} // namespace
+
+bool check_status_line(const char* head, size_t len, int* code, char* why, size_t whylen)
+{
+    *code = 0;
+    if (std::memchr(head, '\0', len))
+        return refuse(why, whylen, "NUL byte in the head");
+    size_t eol = 0;
+    while (eol < len && head[eol] != '\r' && head[eol] != '\n')
+        ++eol;
+    const quoted line(head, eol);
+    // "HTTP/1.x" SP three digits, then SP or the line end: 12 characters at least.
+    if (eol < 12 || std::strncmp(head, "HTTP/1.", 7) != 0 || (head[7] != '0' && head[7] != '1') ||
+        head[8] != ' ' || !is_digit(head[9]) || !is_digit(head[10]) || !is_digit(head[11]) ||
+        (eol > 12 && head[12] != ' '))
+        return refuse(why, whylen,
+                      "status line [%s] is not HTTP/1.0 or HTTP/1.1, a space and three digits",
+                      line.text);
+    const int c = (head[9] - '0') * 100 + (head[10] - '0') * 10 + (head[11] - '0');
+    if (c < 100)
+        return refuse(why, whylen, "status code %03d out of range", c);
+    if (c < 200)
+        return refuse(why, whylen, "interim answer %d where a final one was due", c);
+    *code = c;
+    return true;
+}
+
+bool check_body_framing(const char* head, size_t len, int code, long* content_length, char* why,
+                        size_t whylen)
+{
+    *content_length = -1;
+    if (code < 200 || code > 299)
+        return true;
+    const char* const end = head + len;
+    const char* p = static_cast<const char*>(std::memchr(head, '\n', len));
+    framing_field last = FF_OTHER;
+    const char* range = nullptr;
+    size_t range_len = 0;
+    while (p && ++p < end) {
+        const char* nl = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+        const char* const next = nl ? nl : end;
+        const char* le = next;
+        if (le > p && le[-1] == '\r')
+            --le;
+        if (le == p)
+            break; // the blank line that ends the head
+        const char* const line = p;
+        p = nl;
+        if (is_blank(*line)) {
+            // A folded line continues the field above; a framing value in two pieces is read
+            // differently by different parsers, so it is refused rather than guessed.
+            if (last != FF_OTHER)
+                return refuse(why, whylen, "framing header folded over two lines");
+            continue;
+        }
+        const char* const colon =
+            static_cast<const char*>(std::memchr(line, ':', static_cast<size_t>(le - line)));
+        if (!colon) {
+            last = FF_OTHER;
+            continue;
+        }
+        const char* name_end = colon;
+        while (name_end > line && is_blank(name_end[-1]))
+            --name_end;
+        last = framing_field_of(line, static_cast<size_t>(name_end - line));
+        if (last == FF_OTHER)
+            continue;
+        if (name_end != colon)
+            return refuse(why, whylen, "blank before the colon of [%s]",
+                          quoted(line, static_cast<size_t>(name_end - line)).text);
+        const char* v = colon + 1;
+        const char* ve = le;
+        while (v < ve && is_blank(*v))
+            ++v;
+        while (ve > v && is_blank(ve[-1]))
+            --ve;
+        const size_t vn = static_cast<size_t>(ve - v);
+        if (last == FF_ENCODING)
+            return refuse(why, whylen,
+                          "Transfer-Encoding [%s] in a %d answer: only length-delimited bodies "
+                          "are supported",
+                          quoted(v, vn).text, code);
+        if (last == FF_RANGE) {
+            if (range)
+                return refuse(why, whylen, "Content-Range repeated");
+            range = v;
+            range_len = vn;
+            continue;
+        }
+        const long n = parse_digits(v, vn);
+        if (n < 0)
+            return refuse(why, whylen, "Content-Length [%s] is not a decimal number of bytes",
+                          quoted(v, vn).text);
+        if (*content_length >= 0 && n != *content_length)
+            return refuse(why, whylen, "Content-Length values %ld and %ld differ",
+                          *content_length, n);
+        *content_length = n;
+    }
+    if (code == 206 && *content_length >= 0) {
+        if (!range)
+            return refuse(why, whylen, "206 answer without Content-Range");
+        if (!covers_whole_body(range, range_len, *content_length))
+            return refuse(why, whylen, "206 Content-Range [%s] is not the whole %ld-byte body",
+                          quoted(range, range_len).text, *content_length);
+    }
+    return true;
 }
 
 int parse_http_header(const char* http_rq, size_t rqlen, http_header* hdr, char* urlbuf,

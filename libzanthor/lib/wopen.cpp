@@ -68,8 +68,11 @@ int get_http_response(int fd, usock_ctx* uc)
             return -1;
         }
     }
-    if (rc != 0)
+    if (rc != 0) {
+        if (resp.malformed[0])
+            zlogf(L_ERR, "%s: fd=%d malformed answer: %s\n", fd, resp.malformed);
         return -1;
+    }
     if (resp.code < 200 || resp.code > 299) {
         zlogf(L_ERR, "%s: fd=%d expected HTTP 2xx, got HTTP %d\n", fd, resp.code);
         return -1;
@@ -353,6 +356,13 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     zlogf(L_DEBUG, "%s: total=%lu, tail=%lu; buf=[%s]\n", static_cast<unsigned long>(resp->total),
           static_cast<unsigned long>(resp->tail), buf);
 
+    // The head proper ends before the sacrificed byte. A malformed head is only reported in
+    // `resp->malformed`: the caller knows which source sent it and says so in one line.
+    const size_t head_len = static_cast<size_t>(resp->tail - 1);
+    int strict_code = 0;
+    if (!check_status_line(buf, head_len, &strict_code, resp->malformed, sizeof resp->malformed))
+        return -1;
+
     int major = 0;
     int minor = 0;
     int code = 0;
@@ -368,6 +378,9 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
         zlogf(L_ERR, "%s: parsed %d < 4 elements (expected to be parsed)\n", parsed);
         return -1;
     }
+    if (!check_body_framing(buf, head_len, code, &resp->content_length, resp->malformed,
+                            sizeof resp->malformed))
+        return -1;
     resp->code = code;
     zlogf(L_INFO, "%s: fd=%d received: HTTP/%d.%d %d %s\n", sockfd, major, minor, code, reason);
     return 0;

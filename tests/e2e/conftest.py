@@ -49,6 +49,22 @@ def render_config(vesk):
     return "vesk = " + cfg_value(vesk, 0) + ";\n"
 
 
+def minimal_config(tmp_path, **extra):
+    """A valid foreground configuration with one web listener and `extra` keys of the "vesk"
+    group, written to tmp_path/vsk.conf; its path."""
+    data = tmp_path / "data"
+    data.mkdir(exist_ok=True)
+    path = tmp_path / "vsk.conf"
+    path.write_text(render_config({
+        "log": {"level": "info", "enable_syslog": False},
+        "runtime": {"non_daemon": True},
+        "web_input": {"ifc": "lo", "port": free_port()},
+        "data_dir": str(data),
+        **extra,
+    }))
+    return path
+
+
 def run_vsk(*args, timeout=20, env=None):
     """Runs vsk to completion and returns the CompletedProcess (text mode)."""
     return subprocess.run([VSK_BIN, *map(str, args)], capture_output=True, text=True,

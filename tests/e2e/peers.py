@@ -78,17 +78,16 @@ http {{
 class Nginx:
     """A static file server over a temporary document root."""
 
-    def __init__(self, workdir: Path, port: int, extra_http=""):
-        """`extra_http`: directives added to the server block (may use {d}, the work directory;
-        the log format "conn" logs each request's connection number)."""
+    def __init__(self, workdir: Path, port: int, extra=""):
+        """`extra`: directives for the server block, e.g. "limit_rate 1k;" for slow downloads; the
+        log format "conn" logs each request with its connection number."""
         self.dir = workdir
         self.port = port
         self.root = workdir / "www"
         self.root.mkdir(parents=True, exist_ok=True)
         (workdir / "tmp").mkdir(exist_ok=True)
         self.conf = workdir / "nginx.conf"
-        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port,
-                                               extra=extra_http.format(d=workdir)))
+        self.conf.write_text(NGINX_CONF.format(d=workdir, port=port, extra=extra))
         self.error_log = workdir / "error.log"
         self.proc = None
 

@@ -89,6 +89,16 @@ PROBLEMS = {
     "same-endpoint": ({}, ["-w", "lo:SAMEPORT"], ["check: user listener [web-cli] uses the endpoint "
                                                   "of listener [web-a]\n"]),
     "cpu-absent": ({"runtime.cpunum": 1023}, [], ["check: CPU 1023 is not available"]),
+    "lock-backend-unknown": ({"udp_input.lock_backend": "nfs"}, [],
+                             ['load_config: vesk.udp_input.lock_backend must be "file" or "redis"\n']),
+    "lock-backend-not-text": ({"udp_input.lock_backend": 1}, [],
+                              ['load_config: vesk.udp_input.lock_backend must be "file" or "redis"\n']),
+    "redis-locks-without-db": ({"udp_input.lock_backend": "redis"}, [],
+                               ['load_config: vesk.udp_input.lock_backend = "redis" needs the '
+                                'vesk.lbdb group with a port\n']),
+    "lock-prefix-too-long": ({"udp_input.lock_prefix": "p" * 64}, [],
+                             ["load_config: vesk.udp_input.lock_prefix must be a string of at most "
+                              "63 characters\n"]),
 }
 
 
@@ -129,6 +139,13 @@ def with_db(tmp_path, redis, port=None):
     vesk["lbdb"] = {"host": "127.0.0.1", "port": port or redis.port, "sha1_dir": str(redis.sha1_dir),
                     "connect_tmout_ms": 300}
     return vesk
+
+
+def test_redis_locks_need_no_lock_directory(tmp_path, redis):
+    vesk = with_db(tmp_path, redis)
+    vesk["udp_input"].update(lock_backend="redis", lock_prefix="fleet:", lock_dir=str(tmp_path / "nolock"))
+    r = check(tmp_path, vesk)
+    assert r.returncode == 0 and r.stderr.endswith(OK), r.stderr
 
 
 def test_registry_scripts_loaded(tmp_path, redis):

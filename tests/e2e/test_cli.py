@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import VSK_BIN, free_port, render_config, run_vsk
+from conftest import VSK_BIN, free_port, minimal_config, render_config, run_vsk
 
 USAGE = "Usage: vsk PARAMETERS [OPTIONS]\n\n"
 VERSION_RE = (r"^vsk \(Download manager\) 0\.2-0\.7 \(torbella\) regular \[Ubuntu 14\.04\.5 Linux "
@@ -18,16 +18,7 @@ FAILED = "configuration check FAILED\n"
 @pytest.fixture
 def cfg(tmp_path):
     """A valid foreground configuration with one web listener; its path."""
-    data = tmp_path / "data"
-    data.mkdir(exist_ok=True)
-    path = tmp_path / "vsk.conf"
-    path.write_text(render_config({
-        "log": {"level": "info", "enable_syslog": False},
-        "runtime": {"non_daemon": True},
-        "web_input": {"ifc": "lo", "port": free_port()},
-        "data_dir": str(data),
-    }))
-    return path
+    return minimal_config(tmp_path)
 
 
 def run_in(tmp_path, *args):

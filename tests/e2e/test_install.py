@@ -155,7 +155,9 @@ def relocate(text, root, port, redis_port=None, prefix=None):
     edits = [(r'"/var/lib/vsk/', f'"{root}/var/lib/vsk/', 2),
              (r'"/var/log/vsk/', f'"{root}/var/log/vsk/', 1),
              (r'"/run/vsk/', f'"{root}/run/vsk/', 1),
-             ("port = 8480;", f"port = {port};", 1)]
+             ("port = 8480;", f"port = {port};", 1),
+             # The test's source runs on loopback, which the production list denies.
+             (', "127.0.0.0/8", "::1/128" ];', " ];", 1)]
     if redis_port:
         edits += [("port = 0;", f"port = {redis_port};", 1),
                   ('local_url_prefix = "";', f'local_url_prefix = "{prefix}";', 1)]
@@ -301,7 +303,8 @@ def test_production_configuration(unpacked):
     for setting in ("end_stalled_tasks = true;", "max_queued = 1000;", "cmd_tmout_ms = 500;",
                     "reconnect_ms = 500;", "max_pending = 10000;", "non_daemon = true;",
                     'data_dir = "/var/lib/vsk/data";', 'file = "/var/log/vsk/vsk.log";',
-                    'lock_dir = "/var/lib/vsk/lock";', 'run_as_user = "vsk";'):
+                    'lock_dir = "/var/lib/vsk/lock";', 'run_as_user = "vsk";',
+                    'deny_sources = [ "169.254.0.0/16", "fe80::/10", "127.0.0.0/8", "::1/128" ];'):
         assert re.search(rf"^\s*(#\s*)?{re.escape(setting)}$", prod, re.M), setting
 
 

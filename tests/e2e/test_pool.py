@@ -220,8 +220,9 @@ def test_named_source_reuses_without_a_look_up_and_retries_through_one(name_agen
 def test_real_source_keeps_and_then_closes_connections(agent, tmp_path):
     """nginx closes an idle connection after a second and ends one after two requests (its last
     answer says "Connection: close"); its log shows on which connection each request came."""
-    ng = Nginx(tmp_path / "nginx", free_port(), "keepalive_timeout 1; keepalive_requests 2; "
-               "access_log {d}/conn.log conn;").start()
+    ng_dir = tmp_path / "nginx"
+    ng = Nginx(ng_dir, free_port(), extra=f"keepalive_timeout 1; keepalive_requests 2; "
+               f"access_log {ng_dir}/conn.log conn;").start()
     try:
         pooled_agent(agent)
         idle_fds = fd_count(agent.proc.pid)

@@ -9,6 +9,7 @@
 #include "cfg.h"
 #include "rq.h"
 #include "test_support.h"
+#include "webops.h"
 
 namespace {
 
@@ -35,6 +36,9 @@ struct fake_response {
         resp.total = static_cast<ssize_t>(text.size());
         resp.tail = static_cast<ssize_t>(text.find("\r\n\r\n") + 4);
         buf[resp.tail - 1] = '\0';
+        // The length as recv_http_response checks it; a refused head leaves it absent (-1).
+        (void)check_body_framing(buf, static_cast<size_t>(resp.tail - 1), resp.code,
+                                 &resp.content_length, resp.malformed, sizeof resp.malformed);
     }
 };
 

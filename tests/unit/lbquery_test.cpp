@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lbquery.h"
+#include "redis_support.h"
 #include "test_support.h"
 
 namespace {
@@ -19,19 +20,6 @@ using vsk_test::contains;
 
 const fs::path TOOLS = fs::path(__FILE__).parent_path() / "../../tools/lbdb";
 const std::string SHA40 = "0123456789abcdef0123456789abcdef01234567";
-
-int free_loopback_port()
-{
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(sa);
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&sa), len) == 0 &&
-                    getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0;
-    close(fd);
-    return ok ? ntohs(sa.sin_port) : -1;
-}
 
 const auto g_old_sigpipe = signal(SIGPIPE, SIG_IGN); // a broken link must be a failed call
 
@@ -103,40 +91,21 @@ TEST_F(LbdbBase, DigestFiles)
 // A private redis-server with the scripts loaded; killed at the end even when a test fails.
 class LbdbTest : public LbdbBase {
 protected:
-    pid_t server = -1;
+    vsk_test::redis_server redis;
     int port = 0;
     std::string sha_dir = dir / "sha";
     redisContext* admin = nullptr;
 
     void SetUp() override
     {
-        if (std::system("command -v redis-server >/dev/null") != 0)
+        if (!vsk_test::have_redis_server())
             GTEST_SKIP() << "redis-server is not installed (Debian package redis-server)";
-        ASSERT_GT(port = free_loopback_port(), 0);
-        const std::string p = std::to_string(port), redis_log = dir / "redis.log";
-        if ((server = fork()) == 0) {
-            (void)!freopen(redis_log.c_str(), "w", stdout);
-            execlp("redis-server", "redis-server", "--bind", "127.0.0.1", "--port", p.c_str(),
-                   "--save", "", "--appendonly", "no", "--dir", dir.path().c_str(), nullptr);
-            _exit(127);
-        }
-        // Readiness, not timing: the server gets up to 10 s to answer.
-        for (int i = 0; i < 1000 && (!admin || admin->err); ++i) {
-            redisFree(admin);
-            admin = redisConnect("127.0.0.1", port);
-            usleep(10000);
-        }
-        ASSERT_TRUE(admin && !admin->err) << "redis-server does not answer on port " << port;
-        const std::string cmd = "'" + (TOOLS / "load.sh").string() + "' 127.0.0.1 " + p + " '" +
-                                sha_dir + "' >/dev/null 2>&1";
+        ASSERT_TRUE(redis.start(dir.path())) << "redis-server does not answer";
+        port = redis.port;
+        admin = redis.admin;
+        const std::string cmd = "'" + (TOOLS / "load.sh").string() + "' 127.0.0.1 " +
+                                std::to_string(port) + " '" + sha_dir + "' >/dev/null 2>&1";
         ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-    }
-    void TearDown() override
-    {
-        LbdbBase::TearDown();
-        redisFree(admin);
-        if (server > 0 && kill(server, SIGKILL) == 0)
-            waitpid(server, nullptr, 0);
     }
     int connect() { return lbdb_connect("127.0.0.1", port, timeval{1, 0}); }
 };
@@ -180,8 +149,7 @@ TEST_F(LbdbTest, CallsOnTheRealScriptsAndALostServer)
     EXPECT_EQ(lbdb_rr_get_segurl("none", nullptr, buf, 128), -1);
     EXPECT_TRUE(contains(log.take(), "lbdb_rr_get_segurl: #err: no URL for [none]"));
 
-    ASSERT_EQ(kill(server, SIGKILL), 0);
-    waitpid(std::exchange(server, -1), nullptr, 0);
+    redis.kill_now();
     EXPECT_EQ(lbdb_add_segurl("seg", "http://h/seg", 0), -1);
     EXPECT_TRUE(contains(log.take(), "lbdb_add_segurl: NULL as reply\n"));
 }

@@ -1,9 +1,11 @@
 // Tests of the UDP channel intake: the message grammar with its deliberate abort on a missing
-// expiry, the stale-file rule, and the request-lock files with locking on and off.
+// expiry, the stale-file rule, the request-lock files with locking on and off, and the Redis
+// locks' keys and owner-checked scripts on a real Redis.
 #include <fstream>
 #include <vector>
 
 #include "cfg.h"
+#include "redis_support.h"
 #include "test_support.h"
 #include "udl.h"
 
@@ -87,6 +89,75 @@ TEST_F(UdlTest, StaleRuleAndLockFilesWithLockingOnAndOff)
     EXPECT_EQ(lid_lock("seg0042"), 0) << "a held lock does not matter with locking off";
     lid_unlock("seg0042");
     EXPECT_TRUE(fs::exists(dir / "seg0042.lock"));
+}
+
+TEST(UdlRedisLocks, KeyAndAgentId)
+{
+    vsk_test::log_capture log;
+    char key[UDL_LOCK_KEY_LEN];
+    ASSERT_EQ(udl_lock_key("t", D_LOCK_PREFIX, "seg0042", key, sizeof(key)), 0);
+    EXPECT_STREQ(key, "vsk:lock:seg0042");
+    ASSERT_EQ(udl_lock_key("t", "", "seg0042", key, sizeof(key)), 0);
+    EXPECT_STREQ(key, "seg0042");
+    // The same ids as lock files: a "/" is refused, whatever the backend.
+    EXPECT_EQ(udl_lock_key("t", D_LOCK_PREFIX, "a/b0", key, sizeof(key)), -1);
+    EXPECT_TRUE(vsk_test::contains(log.take(), "t: invalid lock id [a/b0]\n"));
+    // A cut key would name another lock.
+    char small[12];
+    EXPECT_EQ(udl_lock_key("t", D_LOCK_PREFIX, "seg0042", small, sizeof(small)), -1);
+    EXPECT_TRUE(vsk_test::contains(log.take(), "t: lock key too long (n=16): vsk:lock:seg0042\n"));
+
+    char id[UDL_AGENT_ID_LEN];
+    ASSERT_EQ(udl_agent_id("edge-7", 4242, id, sizeof(id)), 0);
+    EXPECT_STREQ(id, "edge-7:4242");
+    EXPECT_EQ(udl_agent_id(std::string(UDL_AGENT_ID_LEN, 'h').c_str(), 1, id, sizeof(id)), -1);
+}
+
+// The release and renewal scripts, as the agent sends them, against locks set as the agent sets
+// them: only the owner's id deletes or prolongs a lock.
+TEST(UdlRedisLocks, ReleaseAndRenewalOnlyByTheOwner)
+{
+    if (!vsk_test::have_redis_server())
+        GTEST_SKIP() << "redis-server is not installed (Debian package redis-server)";
+    vsk_test::temp_dir dir{"vsk-udl-redis"};
+    vsk_test::redis_server redis;
+    ASSERT_TRUE(redis.start(dir.path()));
+    const auto run = [&](const char* fmt, const char* a, const char* b, const char* c = "") {
+        auto* r = static_cast<redisReply*>(redisCommand(redis.admin, fmt, a, b, c));
+        std::string out = !r ? "null"
+                          : r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer)
+                          : r->str                          ? r->str
+                                                            : "nil";
+        freeReplyObject(r);
+        return out;
+    };
+    const auto set = [&](const char* key, const char* owner) {
+        return run("SET %s %s NX PX 30000", key, owner);
+    };
+    const auto release = [&](const char* key, const char* owner) {
+        return run("EVAL %s 1 %s %s", UDL_RELEASE_LUA, key, owner);
+    };
+    const auto renew = [&](const char* key, const char* owner) {
+        return run("EVAL %s 1 %s %s 30000", UDL_RENEW_LUA, key, owner);
+    };
+    const auto pttl = [&](const char* key) { return std::stol(run("PTTL %s", key, "")); };
+
+    EXPECT_EQ(set("vsk:lock:a", "h1:1"), "OK");
+    EXPECT_EQ(set("vsk:lock:a", "h2:2"), "nil") << "a held lock is not taken twice";
+    EXPECT_EQ(release("vsk:lock:a", "h2:2"), "0") << "another agent's release leaves it";
+    EXPECT_EQ(run("GET %s", "vsk:lock:a", ""), "h1:1");
+    EXPECT_EQ(release("vsk:lock:a", "h1:1"), "1");
+    EXPECT_EQ(run("EXISTS %s", "vsk:lock:a", ""), "0");
+    EXPECT_EQ(release("vsk:lock:a", "h1:1"), "0") << "releasing twice is harmless";
+
+    EXPECT_EQ(set("vsk:lock:b", "h1:1"), "OK");
+    EXPECT_EQ(run("PEXPIRE %s %s", "vsk:lock:b", "5000"), "1");
+    EXPECT_EQ(renew("vsk:lock:b", "h2:2"), "h1:1") << "a renewal names the owner it met";
+    EXPECT_LE(pttl("vsk:lock:b"), 5000);
+    EXPECT_EQ(renew("vsk:lock:b", "h1:1"), "1");
+    EXPECT_GT(pttl("vsk:lock:b"), 25000);
+    EXPECT_EQ(renew("vsk:lock:gone", "h1:1"), "0");
+    EXPECT_EQ(run("EXISTS %s", "vsk:lock:gone", ""), "0") << "a lapsed lock is not revived";
 }
 
 } // namespace

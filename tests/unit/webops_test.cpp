@@ -243,3 +243,94 @@ TEST_F(Webops, TruncatedAndOversizedInputsStayInBounds)
         EXPECT_LT(mk_http_xt_resp(&g_resp_err, 11, exact_copy(std::string(n, '#')).get(), n),
                   static_cast<int>(n));
 }
+
+// The strict reading of a source's answer head. Each head is handed over as an exact heap copy
+// without a terminator, so a read past its end is an ASan report.
+struct answer_row {
+    std::string head;
+    int code;         // status code taken; 0: the status line is refused
+    long length;      // Content-Length taken; -2: the framing is refused
+    const char* why;  // part of the refusal text
+};
+
+TEST(AnswerHead, StatusLineAndFramingTable)
+{
+    const answer_row rows[] = {
+        // Status lines.
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n", 200, 5, nullptr},
+        {"HTTP/1.0 200 OK\nContent-Length: 5\n", 200, 5, nullptr},
+        {"HTTP/1.1 200\r\n", 200, -1, nullptr}, // the reason word is wopen's concern
+        {"HTTP/1.1 404 Not Found\r\nTransfer-Encoding: chunked\r\n", 404, -1, nullptr},
+        {"HTTP/1.1 100 Continue\r\n", 0, 0, "interim answer 100"},
+        {"HTTP/1.1 199 X\r\n", 0, 0, "interim answer 199"},
+        {"HTTP/1.1 099 X\r\n", 0, 0, "status code 099 out of range"},
+        {"HTTP/1.1 2xx Whatever\r\n", 0, 0, "[HTTP/1.1 2xx Whatever] is not"},
+        {"HTTP/1.1 2147483848 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.1 20 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.1  200 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.2 200 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/2 200 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"http/1.1 200 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.1 200\tOK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.1 20", 0, 0, "is not HTTP/1.0"},
+        {std::string("HTTP/1.1 200 OK\r\nX: a\0b\r\n", 26), 0, 0, "NUL byte"},
+        {"HTTP/1.1 200 \x1b[2J\r\n", 200, -1, nullptr},
+        // Content-Length.
+        {"HTTP/1.1 200 OK\r\ncontent-length:\t 12 \t\r\n", 200, 12, nullptr},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 7\r\nX: y\r\nCONTENT-LENGTH: 7\r\n", 200, 7, nullptr},
+        {"HTTP/1.1 200 OK\r\nX-Content-Length: 3\r\nContent-Length: 9\r\n", 200, 9, nullptr},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\nContent-Length: 12\r\n", 200, -2,
+         "Content-Length values 10 and 12 differ"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 12abc\r\n", 200, -2, "[12abc] is not a decimal"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n", 200, -2, "[-5] is not"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: +5\r\n", 200, -2, "[+5] is not"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5, 5\r\n", 200, -2, "[5, 5] is not"},
+        {"HTTP/1.1 200 OK\r\nContent-Length:\r\n", 200, -2, "[] is not"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n", 200, 9223372036854775807L,
+         nullptr},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775808\r\n", 200, -2, "is not a decimal"},
+        {"HTTP/1.1 200 OK\r\nContent-Length : 5\r\n", 200, -2, "blank before the colon"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n 5\r\n", 200, -2, "folded"},
+        {"HTTP/1.1 200 OK\r\nX-Other: a\r\n b\r\nContent-Length: 5\r\n", 200, 5, nullptr},
+        {"HTTP/1.1 200 OK\r\nno colon here\r\nContent-Length: 5\r\n", 200, 5, nullptr},
+        // Transfer-Encoding in a 2xx.
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Length: 5\r\n", 200, -2,
+         "Transfer-Encoding [chunked] in a 200 answer"},
+        {"HTTP/1.1 204 OK\r\ntransfer-encoding: identity\r\n", 204, -2, "Transfer-Encoding"},
+        // 206 and its Content-Range.
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\nContent-Range: bytes 0-9/10\r\n", 206, 10, nullptr},
+        {"HTTP/1.1 206 P\r\nContent-Range: bytes 0-9/10\r\nContent-Length: 10\r\n", 206, 10, nullptr},
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\n", 206, -2, "206 answer without Content-Range"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 5\r\nContent-Range: bytes 0-4/10\r\n", 206, -2,
+         "[bytes 0-4/10] is not the whole 5-byte body"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 5\r\nContent-Range: bytes 5-9/10\r\n", 206, -2, "whole"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\nContent-Range: bytes 0-9/*\r\n", 206, -2, "whole"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\nContent-Range: bytes 0-9/10x\r\n", 206, -2, "whole"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\nContent-Range: items 0-9/10\r\n", 206, -2, "whole"},
+        {"HTTP/1.1 206 P\r\nContent-Length: 10\r\nContent-Range: bytes 0-9/10\r\n"
+         "Content-Range: bytes 0-9/10\r\n", 206, -2, "Content-Range repeated"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\nContent-Range: bytes 0-4/10\r\n", 200, 10, nullptr},
+    };
+    for (const auto& r : rows) {
+        const auto head = exact_copy(r.head);
+        char why[HTTP_WHY_SIZE] = "";
+        int code = -1;
+        const bool status_ok = check_status_line(head.get(), r.head.size(), &code, why, sizeof why);
+        EXPECT_EQ(status_ok, r.code != 0) << r.head << " -> " << why;
+        EXPECT_EQ(code, r.code) << r.head;
+        if (status_ok) {
+            long len = -7;
+            const bool framing_ok =
+                check_body_framing(head.get(), r.head.size(), code, &len, why, sizeof why);
+            EXPECT_EQ(framing_ok, r.length != -2) << r.head << " -> " << why;
+            if (framing_ok) {
+                EXPECT_EQ(len, r.length) << r.head;
+            }
+        }
+        if (r.why) {
+            EXPECT_TRUE(contains(why, r.why)) << r.head << " -> " << why;
+        }
+        for (const char* p = why; *p; ++p)
+            EXPECT_TRUE(*p >= 0x20 && *p < 0x7f) << "unprintable reason for " << r.head;
+    }
+}

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <netinet/in.h>
 #include <string>
+#include <tuple>
 #include <sys/socket.h>
 
 #include "test_support.h"
@@ -127,15 +128,20 @@ TEST_F(Wopen, ResponseHeadSplitOverTwoReads)
 // Each head comes whole, then the end of the stream. The last byte of the buffer is never written.
 TEST_F(Wopen, ResponseHeadTable)
 {
-    const std::pair<std::string, int> rows[] = {
-        {"HTTP/1.0 206 Partial Content\n\n", 206},
-        {"HTTP/1.1 200\r\n\r\n", -1}, // no reason phrase
-        {"HTTP/1.1 200\r\nContent-Length: 5\r\n\r\n", -1}, // nor when headers follow
-        {"HTTP/1.1 OK\r\n\r\n", -1}, {"HTTP/2 200 OK\r\n\r\n", -1}, {"ICY 200 OK\r\n\r\n", -1},
-        {"HTTP/1.1 200 OK\r\n", -1}, // cut off
-        {"HTTP/1.1 200 OK\r\nX-Pad: " + std::string(100, 'p') + "\r\n\r\n", -1}, // too long
+    // head, code (-1: refused), refused as malformed (the reason is left in the context)
+    const std::tuple<std::string, int, bool> rows[] = {
+        {"HTTP/1.0 206 Partial Content\n\n", 206, false},
+        {"HTTP/1.1 200\r\n\r\n", -1, false}, // no reason phrase
+        {"HTTP/1.1 200\r\nContent-Length: 5\r\n\r\n", -1, false}, // nor when headers follow
+        {"HTTP/1.1 OK\r\n\r\n", -1, true}, {"HTTP/2 200 OK\r\n\r\n", -1, true},
+        {"ICY 200 OK\r\n\r\n", -1, true},
+        {"HTTP/1.1 200 OK\r\n", -1, false}, // cut off
+        {"HTTP/1.1 100 Continue\r\n\r\n", -1, true},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 1x\r\n\r\n", -1, true},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\n", 200, false},
+        {"HTTP/1.1 200 OK\r\nX-Pad: " + std::string(100, 'p') + "\r\n\r\n", -1, false}, // too long
     };
-    for (const auto& [head, code] : rows) {
+    for (const auto& [head, code, malformed] : rows) {
         int sv[2];
         pair_with(sv, head);
         close(sv[1]);
@@ -145,6 +151,10 @@ TEST_F(Wopen, ResponseHeadTable)
         EXPECT_EQ(recv_http_response(sv[0], buf, sizeof buf, &resp), code < 0 ? -1 : 0) << head;
         EXPECT_EQ(resp.code, code < 0 ? 0 : code) << head;
         EXPECT_EQ(buf[64], '#') << head;
+        EXPECT_EQ(resp.malformed[0] != '\0', malformed) << head;
+        if (code == 200) {
+            EXPECT_EQ(resp.content_length, 7) << head;
+        }
         close(sv[0]);
     }
     const std::string got = log.take();
