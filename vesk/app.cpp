@@ -413,6 +413,18 @@ static int open_source(dw_task* dw, const char* addr)
     return 0;
 }
 
+// A started task that could not reach its source (`rc` from open_source): the client gets the
+// 403 of a refused address or the 500 of a failed open, and the task is listed for removal.
+static void fail_source_start(dw_task* dw, int rc)
+{
+    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
+    if (dw->cfd >= 0) {
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
+        answer_client(dw);
+    }
+    (void)pprm_task(dw);
+}
+
 // The end of the look-up of a task's source host. A name that did not resolve fails the task as
 // an unreachable source always has: the client gets the 500 a failed open gives. A name that
 // resolved to a refused address gets the 403 a refused source gets.
@@ -429,12 +441,7 @@ static void on_src_resolved(void* arg, int status, const char* addr)
         zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
     if (rc == 0)
         return;
-    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
-    if (dw->cfd >= 0) {
-        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
-        answer_client(dw);
-    }
-    (void)pprm_task(dw);
+    fail_source_start(dw, rc);
 }
 
 // Takes an idle pooled connection to the task's source host and port, if there is one. 0 when
@@ -499,12 +506,7 @@ static void retry_on_new_source(dw_task* dw)
     const int rc = start_source(dw, false);
     if (rc == 0)
         return;
-    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
-    if (dw->cfd >= 0) {
-        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
-        answer_client(dw);
-    }
-    (void)pprm_task(dw);
+    fail_source_start(dw, rc);
 }
 
 int mk_dw_task(int cfd, const dw_spec* spec)
