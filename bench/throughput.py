@@ -494,6 +494,11 @@ class Driver:
                     self._fail(r, "task ended without its file")
 
 
+# What etc/vsk.conf sets about throughput beyond the built-in defaults; --vsk-set overrides.
+SAMPLE_KEYS = {"max_mmap_mb": 0, "splice_to_file": True, "src_pool_max": 64,
+               "src_pool_idle_ms": 5000}
+
+
 class Vsk(Tool):
     """The agent, asked through its web listener, configured as the sample configuration's
     production settings plus what --vsk-set gives."""
@@ -509,6 +514,7 @@ class Vsk(Tool):
         self.agent = conftest.Agent(b.work, f"vsk-{wl.slug}")
         v = self.agent.vesk
         v["log"].update({"level": "info", "max_size_mb": 4096})
+        v.update(SAMPLE_KEYS)
         v["data_dir"] = str(b.dst_root / "vsk")
         (b.dst_root / "vsk").mkdir(parents=True, exist_ok=True)
         if wl.in_flight > IN_FLIGHT:
@@ -707,6 +713,8 @@ def parse_set(text):
     key, sep, value = text.partition("=")
     if not sep or not key:
         raise argparse.ArgumentTypeError(f"--vsk-set wants KEY=VALUE, got {text!r}")
+    if value in ("true", "false"):
+        return key, value == "true"
     try:
         return key, int(value)
     except ValueError:

@@ -297,13 +297,17 @@ void rui_ctx_destroy(rui_ctx* ctx)
     stop_listeners(ctx->custom, true);
 }
 
-// Non-blocking mode, and for network peers the low-water mark and optionally TCP_NODELAY, then the
-// request. 0, or the first failing step's result. Messages go out under the name of `who`.
+// For network peers the low-water mark and optionally TCP_NODELAY, then the request; the socket
+// was accepted non-blocking. 0, or the first failing step's result. Messages go out under the
+// name of `who`.
 static int setup_connection(const char* who, int fd, int family, rui_socket_ctx* srv,
                             uint32_t flags, void* data)
 {
-    int rc = set_nblock(fd, 1);
-    if (rc == 0 && (family == AF_INET || family == AF_INET6)) {
+    // accept4 made the socket non-blocking, which saves two fcntl calls per request; the line
+    // set_nblock wrote then is kept for those who read the debug log.
+    zlog(L_DEBUG, "%s: fd%d set as %sblocking\n", "set_nblock", fd, "non-");
+    int rc = 0;
+    if (family == AF_INET || family == AF_INET6) {
         // Readiness is reported only once a request line can plausibly be parsed.
         const int lowat = RUI_LOW_WMARK;
         rc = W_setsockopt(who, fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
@@ -460,7 +464,8 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
         sockaddr_storage peer{};
         static_assert(sizeof peer == 128);
         socklen_t plen = sizeof peer;
-        const int fd = W_accept(__func__, srv->sockfd, reinterpret_cast<sockaddr*>(&peer), &plen);
+        const int fd = W_accept4(__func__, srv->sockfd, reinterpret_cast<sockaddr*>(&peer), &plen,
+                                 SOCK_NONBLOCK);
         if (fd < 0) {
             const int err = errno;
             if (err == EINTR) {
@@ -566,6 +571,19 @@ int rui_add_request(int fd, rui_socket_ctx* srv, void* data)
     }
     zlogf(L_INFO, "%s: OK for fd=%d, rq=%p\n", fd, p);
     return 0;
+}
+
+void rui_detach_fd(void* rq)
+{
+    auto* rqh = static_cast<rui_rq_header*>(rq);
+    const int fd = rqh->fd;
+    if (fd < 0)
+        return;
+    if (fits_fdset(fd))
+        FD_CLR(fd, &rqh->srv->accset);
+    if (rqs_rm_fd(fd, true, false) != 0)
+        zlogf(L_ERR, "%s: failed to remove fd=%d from the monitored set.\n", fd);
+    rqh->fd = -1;
 }
 
 // Removes a request at once. `from_pprm` is set when the post-processing removal is emptying the

@@ -164,6 +164,9 @@ int rui_add_request(int fd, rui_socket_ctx* srv, void* data);
 // pprm list and the queue and frees it through rm_rq. Not while the dispatcher may still hand it
 // out in the current batch: use rui_pprm_request there.
 void rui_rm_request(void* p);
+// Hands a request's descriptor over to its caller: it leaves the loop and the listener's set now,
+// and the request's removal no longer closes it. The request itself stays until removed.
+void rui_detach_fd(void* rq);
 // Schedules a request for removal after the current batch. 0; 17 (EEXIST) when it is scheduled
 // already; -1 when the list cannot grow.
 int rui_pprm_request(void* rq);

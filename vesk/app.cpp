@@ -12,6 +12,7 @@
 #include <strings.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,11 +26,13 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "spool.h"
 #include "srcacl.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
 #include "udl.h"
+#include "util.h"
 
 LOG_MODULE(0, -1);
 
@@ -37,6 +40,90 @@ vesk_ctx g_ctx;
 
 // Plain-write downloads pass through this buffer one read at a time; one thread, so one buffer.
 static char sbuf[DW_SBUF_SIZE];
+
+// With splice_to_file they pass through this pipe instead, inside the kernel: the bytes are not
+// copied out to the buffer and back. Made at start, so that its two descriptors belong to the idle
+// agent; a pipe whose bytes could not all be written is replaced, so that no byte of one file can
+// reach the next.
+static int s_pipe[2] = {-1, -1};
+// Set once a destination filesystem refused a splice (EINVAL): read and write from then on.
+static bool s_splice_off = false;
+
+static void close_pipe()
+{
+    for (int& fd : s_pipe) {
+        if (fd >= 0)
+            (void)W_close(__func__, fd);
+        fd = -1;
+    }
+}
+
+static bool open_pipe()
+{
+    if (s_pipe[0] >= 0)
+        return true;
+    if (pipe2(s_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: pipe2() ERROR(%d): %s\n", e, strerror(e));
+        s_pipe[0] = s_pipe[1] = -1;
+        return false;
+    }
+    // As large as the buffer when allowed; the default size (64 KiB) only means more calls.
+    (void)fcntl(s_pipe[1], F_SETPIPE_SZ, static_cast<int>(DW_SBUF_SIZE));
+    return true;
+}
+
+// Moves what the source socket has (up to `len` bytes) into the file through the pipe: the count
+// taken from the socket (0 at its end), or -1 with errno. `*wrote` gets the count that reached the
+// file; less than taken means a write failure, already logged.
+static ssize_t splice_fragment(dw_task* dw, size_t len, ssize_t* wrote)
+{
+    *wrote = 0;
+    const ssize_t n = splice(dw->sfd, nullptr, s_pipe[1], nullptr, std::min<size_t>(len, DW_SBUF_SIZE),
+                             SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    if (n <= 0) {
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: splice(fd%d) ERROR(%d): %s\n", dw->sfd, e, strerror(e));
+            errno = e;
+        }
+        return n;
+    }
+    while (*wrote < n) {
+        const ssize_t w = splice(s_pipe[0], nullptr, dw->dfd, nullptr,
+                                 static_cast<size_t>(n - *wrote), SPLICE_F_MOVE);
+        if (w > 0) {
+            *wrote += w;
+            continue;
+        }
+        if (w < 0 && errno == EINTR && !g_quit)
+            continue;
+        if (w < 0 && errno == EINVAL) {
+            // This filesystem cannot take a splice: the bytes already in the pipe are copied out
+            // and written the plain way, and so is everything after them.
+            zlogf(L_WARN, "%s: fd%d cannot be spliced into; reading and writing instead\n",
+                  dw->dfd);
+            s_splice_off = true;
+            while (*wrote < n) {
+                const ssize_t r = nread(s_pipe[0], sbuf, static_cast<size_t>(n - *wrote), 0);
+                if (r <= 0 || nwrite(dw->dfd, sbuf, static_cast<size_t>(r), 0) != r)
+                    break;
+                *wrote += r;
+            }
+            if (*wrote < n) {
+                close_pipe();
+                (void)open_pipe();
+            }
+            break;
+        }
+        const int e = w < 0 ? errno : EIO;
+        zlogf(L_ERR, "%s: splice(fd%d) ERROR(%d): %s\n", dw->dfd, e, strerror(e));
+        close_pipe();
+        (void)open_pipe();
+        break;
+    }
+    return n;
+}
 
 namespace {
 
@@ -97,7 +184,7 @@ int raise_nofile_limit(size_t max_tasks)
     const size_t ntasks = max_tasks ? max_tasks : static_cast<size_t>(DW_UNLIMITED_TASKS);
     // Limits beyond a few million tasks cannot be met anyway; the cap keeps the product finite.
     const rlim_t need = static_cast<rlim_t>(std::min<size_t>(ntasks, 1u << 24)) * DW_FDS_PER_TASK +
-                        DW_FDS_RESERVE;
+                        DW_FDS_RESERVE + g_cfg->src_pool_max;
     rlimit rl;
     if (getrlimit(RLIMIT_NOFILE, &rl) != 0) {
         const int e = errno;
@@ -160,6 +247,12 @@ int init_vesk_ctx()
         step = "creating task HT";
         if ((rc = skht_create(&g_ctx.task_ht, limit, plHash, nullptr, 0)))
             break;
+        step = "init source pool";
+        if ((rc = spl_init(g_cfg->src_pool_max, g_cfg->src_pool_idle_ms)))
+            break;
+        // Without a pipe the plain writes are made as without splice_to_file.
+        if (g_cfg->splice_to_file)
+            (void)open_pipe();
         if (g_cfg->lbdb.port > 0) {
             step = "?";
             if ((rc = lbdb_init(g_cfg->lbdb.sha1_path, LBQ_FL_ADD, 0)))
@@ -187,6 +280,9 @@ void destroy_vesk_ctx()
 {
     pprm_task_cleanup();
     rm_all_tasks();
+    // After the tasks, which may have parked their connections.
+    spl_destroy();
+    close_pipe();
     // After the tasks: none of them waits for a look-up any more.
     if (g_ctx.rsv_on) {
         rsv_destroy();
@@ -317,6 +413,18 @@ static int open_source(dw_task* dw, const char* addr)
     return 0;
 }
 
+// A started task that could not reach its source (`rc` from open_source): the client gets the
+// 403 of a refused address or the 500 of a failed open, and the task is listed for removal.
+static void fail_source_start(dw_task* dw, int rc)
+{
+    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
+    if (dw->cfd >= 0) {
+        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
+        answer_client(dw);
+    }
+    (void)pprm_task(dw);
+}
+
 // The end of the look-up of a task's source host. A name that did not resolve fails the task as
 // an unreachable source always has: the client gets the 500 a failed open gives. A name that
 // resolved to a refused address gets the 403 a refused source gets.
@@ -333,12 +441,72 @@ static void on_src_resolved(void* arg, int status, const char* addr)
         zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
     if (rc == 0)
         return;
-    dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
-    if (dw->cfd >= 0) {
-        dw->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;
-        answer_client(dw);
+    fail_source_start(dw, rc);
+}
+
+// Takes an idle pooled connection to the task's source host and port, if there is one. 0 when
+// the task now waits for it to be writable, like a new connection; -1 when there is none or it
+// cannot be registered (then it is closed).
+static int reuse_source(dw_task* dw)
+{
+    const int fd = spl_take(dw->spec.url);
+    if (fd < 0)
+        return -1;
+    memset(&dw->sctx, 0, sizeof(dw->sctx));
+    dw->sctx.non_blocking = true;
+    dw->sctx.skip_http = true;
+    dw->sctx.timeout_ms = DW_SRC_TMOUT_MS;
+    if (rqs_mod(fd, dw, RQS_WRITE) != 0) {
+        zlogf(L_ERR, "%s: rqs_mod(fd%d,..) failed for %s\n", fd, dw->spec.url);
+        (void)rqs_rm_fd(fd, true, true);
+        (void)W_close(__func__, fd);
+        return -1;
     }
-    (void)pprm_task(dw);
+    dw->sfd = fd;
+    dw->src_reused = true;
+    set_dw_state(dw, dw_state("ini"));
+    zlogf(L_DEBUG, "%s: fd%d reused for [%s]\n", fd, dw->spec.url);
+    return 0;
+}
+
+// Sets the task on its way to its source: an idle pooled connection to the same host and port
+// when `may_reuse` and there is one, else a look-up of a host name on the loop (the task waits in
+// "res"), else a new connection. 0, or the failure (logged); the caller ends the task.
+static int start_source(dw_task* dw, bool may_reuse)
+{
+    if (may_reuse && spl_on() && reuse_source(dw) == 0)
+        return 0;
+    char host[DW_URL_LEN];
+    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
+        !rsv_is_numeric(host)) {
+        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
+        if (!dw->res_wait) {
+            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
+            return -1;
+        }
+        set_dw_state(dw, dw_state("res"));
+        return 0;
+    }
+    return open_source(dw, nullptr);
+}
+
+// A pooled connection that the source closed before it answered is not the download's failure:
+// the task starts over once on a new connection, and its client sees only the one answer. When
+// that cannot start, the client gets the 500 of a failed open (403 for a refused address) and the
+// task is listed for removal.
+static void retry_on_new_source(dw_task* dw)
+{
+    zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
+    (void)rqs_rm_fd(dw->sfd, true, true);
+    usock_close(dw->sfd, &dw->sctx);
+    dw->sfd = -1;
+    dw->src_reused = false;
+    dw->state.num = 0;
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+    const int rc = start_source(dw, false);
+    if (rc == 0)
+        return;
+    fail_source_start(dw, rc);
 }
 
 int mk_dw_task(int cfd, const dw_spec* spec)
@@ -366,33 +534,15 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         dw->cfd = -1;
         zlogf(L_INFO, "%s: no client connection\n");
     } else {
-        // The request object closes its own descriptor when it goes; the task answers later
-        // through this duplicate.
-        dw->cfd = dup(cfd);
-        if (dw->cfd < 0) {
-            const int e = errno;
-            zlogf(L_ERR, "%s: dup(fd%d) ERROR(%d): %s\n", cfd, e, strerror(e));
-            free_dw(dw);
-            return e;
-        }
+        // The task answers later through the request's own socket: the request hands it over
+        // when this call succeeds (a duplicate would cost a dup and a close per download).
+        dw->cfd = cfd;
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
-    // A source named by a host name is looked up on the loop first; the task waits in "res".
-    char host[DW_URL_LEN];
-    if (g_ctx.rsv_on && usock_url_host(dw->spec.url, host, sizeof(host)) == 0 &&
-        !rsv_is_numeric(host)) {
-        dw->res_wait = rsv_lookup(host, on_src_resolved, dw);
-        if (!dw->res_wait) {
-            zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
-            dw_set_end(dw, MTR_END_SOURCE_UNREACHABLE);
-            free_dw(dw);
-            return -1;
-        }
-        set_dw_state(dw, dw_state("res"));
-        return 0;
-    }
-    if (const int rc = open_source(dw, nullptr)) {
+    if (const int rc = start_source(dw, true)) {
         dw_set_end(dw, rc == 13 ? MTR_END_SOURCE_DENIED : MTR_END_SOURCE_UNREACHABLE);
+        // The socket is still the request's, which answers the failure itself.
+        dw->cfd = -1;
         free_dw(dw);
         return rc;
     }
@@ -424,7 +574,7 @@ static bool owns_dfile(const dw_task* dw)
            st.st_ino == dw->dfile_ino;
 }
 
-// Sends the chosen response to the client and closes the client duplicate.
+// Sends the chosen response to the client and closes the client socket.
 static void answer_client(dw_task* dw)
 {
     ZASSERT(dw->cfd >= 0);
@@ -460,9 +610,17 @@ void free_dw(dw_task* dw)
     if (dw->sfd > 0) {
         // A state is only set once the socket was registered; closing alone would leave the
         // loop's count of its descriptors too high.
-        if (dw->state.num)
-            (void)rqs_rm_fd(dw->sfd, true, true);
-        usock_close(dw->sfd, &dw->sctx);
+        // A connection whose answer was read to its last byte may serve the next download from
+        // the same source; the pool keeps it registered with the loop.
+        const bool parked = dw->state.num && dw->src_keep && dw->content_length > 0 &&
+                            dw->nleft == 0 && !g_quit && spl_put(dw->spec.url, dw->sfd);
+        if (parked) {
+            usock_close(-1, &dw->sctx);
+        } else {
+            if (dw->state.num)
+                (void)rqs_rm_fd(dw->sfd, true, true);
+            usock_close(dw->sfd, &dw->sctx);
+        }
         dw->sfd = -1;
     }
     if (dw->cfd > 0) {
@@ -551,7 +709,13 @@ void rm_all_tasks()
 
 int request_data_stream(dw_task* dw)
 {
-    int rc = usock_http_get(dw->sfd, dw->spec.url, 0);
+    // With the pool on the source is asked to keep the connection; without it the request is the
+    // one-shot GET it always was.
+    int rc = usock_http_get(dw->sfd, dw->spec.url, spl_on() ? uint32_t{HTTP_RQ_KEEPALIVE} : 0u);
+    if (rc != 0 && dw->src_reused) {
+        retry_on_new_source(dw);
+        return 0;
+    }
     if (rc == 0) {
         rc = rqs_mod(dw->sfd, dw, RQS_READ);
         if (rc)
@@ -577,6 +741,18 @@ int request_data_stream(dw_task* dw)
 
 int read_src_response(dw_task* dw)
 {
+    if (dw->src_reused) {
+        // A source may close an idle connection at any time, also just as the request went out;
+        // the end of the stream (or a reset) before the first byte of the answer says so.
+        char c;
+        const ssize_t n = recv(dw->sfd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n > 0)
+            dw->src_reused = false;
+        else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+            retry_on_new_source(dw);
+        if (n <= 0)
+            return 11;
+    }
     char* buf = static_cast<char*>(calloc(1, DW_RESP_BUFSZ));
     if (!buf)
         return -12;
@@ -608,6 +784,9 @@ int read_src_response(dw_task* dw)
                 dw_set_end(dw, rc == 22 ? MTR_END_MALFORMED_ANSWER : MTR_END_WRITE_ERROR);
             } else {
                 dw->hresp = &g_resp_ok;
+                // Bytes beyond the announced length would be taken for the next answer's.
+                dw->src_keep = spl_on() && http_head_keeps_alive(buf) &&
+                               static_cast<size_t>(resp.total - resp.tail) <= dw->content_length;
             }
         } else {
             zlogf(L_ERR, "%s: expected HTTP 2xx, got HTTP %d\n", resp.code);
@@ -929,6 +1108,14 @@ int read_fragment(dw_task* dw)
     if (dw->nleft > 0) {
         if (dw->is_mmapped) {
             n = nread(dw->sfd, reinterpret_cast<char*>(dw->buf) + dw->f_pos, dw->nleft, 0);
+        } else if (g_cfg->splice_to_file && !s_splice_off && open_pipe()) {
+            ssize_t w = 0;
+            n = splice_fragment(dw, dw->nleft, &w);
+            if (n > 0 && w < n) {
+                zlogf(L_ERR, "%s: under-write to fd%d: %zd/%zd\n", dw->dfd, w, n);
+                dw_set_end(dw, MTR_END_WRITE_ERROR);
+                rc = -1;
+            }
         } else {
             n = nread(dw->sfd, sbuf, std::min<size_t>(dw->nleft, sizeof(sbuf)), 0);
             if (n > 0) {

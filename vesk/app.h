@@ -15,7 +15,7 @@ enum : size_t {
     // Task limit used when the configuration says 0 ("unlimited"): the table must still be
     // allocated once, so that task addresses never move.
     DW_UNLIMITED_TASKS = 65536,
-    // Descriptors a task may hold (source, client duplicate, file) plus one spare, and those the
+    // Descriptors a task may hold (source, client, file) plus one spare, and those the
     // process needs besides its tasks (log, listeners, loop, database).
     DW_FDS_PER_TASK = 4,
     DW_FDS_RESERVE = 64,
@@ -40,14 +40,15 @@ int raise_nofile_limit(size_t max_tasks);
 
 // ---- Tasks ----
 
-// Starts the download the order describes. `cfd` is the requesting client's socket (the task answers
-// through a duplicate of it; the caller keeps and closes its own) or negative when no client
-// waits. 0 when started; -1 over the task limit or when the source cannot be opened or
+// Starts the download the order describes. `cfd` is the requesting client's socket or negative
+// when no client waits. On 0 the socket is the task's, which answers and closes it: the caller
+// must give it up at once (rui_detach_fd) and not touch it again. On failure it stays the
+// caller's. 0 when started; -1 over the task limit or when the source cannot be opened or
 // registered; 13 when the source's address is refused by src_addr_allowed; 17 when the same URL
-// (scheme ignored) is being downloaded; the errno of a failed dup(). On failure nothing of the
-// task is left. A source host given by name is looked up on the loop first (state "res"): a name
-// that does not resolve then fails the started task, which answers its client 500 as a failed
-// open would have, and an address refused by src_addr_allowed answers it 403.
+// (scheme ignored) is being downloaded. On failure nothing of the task is left. A source host
+// given by name is looked up on the loop first (state "res"): a name that does not resolve then
+// fails the started task, which answers its client 500 as a failed open would have, and an
+// address refused by src_addr_allowed answers it 403.
 [[nodiscard]] int mk_dw_task(int cfd, const dw_spec* spec);
 // Takes a slot, fills it from the order and hashes its key. The task, or null (logged).
 dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag);

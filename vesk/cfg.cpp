@@ -32,6 +32,8 @@ int init_vesk_config(vesk_cfg* cfg)
     cfg->max_tasks = 0;
     cfg->task_tmout_ms = D_DW_TMOUT_MS;
     cfg->resolve_tmout_ms = D_RESOLVE_TMOUT_MS;
+    cfg->src_pool_max = D_SRC_POOL_MAX;
+    cfg->src_pool_idle_ms = D_SRC_POOL_IDLE_MS;
     cfg->lbdb.max_pending = LBQ_D_MAX_PENDING;
     cfg->udp_cha.lock_backend = LOCK_BACKEND_FILE;
     snprintf(cfg->udp_cha.lock_prefix, sizeof(cfg->udp_cha.lock_prefix), "%s", D_LOCK_PREFIX);
@@ -48,6 +50,41 @@ static int lookup_int(const config_t* lc, const char* path, int dflt)
     if (config_lookup_int(lc, path, &value) != CONFIG_TRUE)
         return dflt;
     return value;
+}
+
+// An integer key that must lie in lo..hi when present; 0, or -1 after naming the key (logged).
+static int lookup_ranged_int(const char* caller, const config_t* lc, const char* path, int dflt,
+                             int lo, int hi, int* value)
+{
+    *value = dflt;
+    const config_setting_t* st = config_lookup(lc, path);
+    if (!st)
+        return 0;
+    if (config_setting_type(st) != CONFIG_TYPE_INT) {
+        zlog(L_ERR, "%s: %s must be an integer\n", caller, path);
+        return -1;
+    }
+    *value = config_setting_get_int(st);
+    if (*value < lo || *value > hi) {
+        zlog(L_ERR, "%s: invalid %s value: %d (allowed %d..%d)\n", caller, path, *value, lo, hi);
+        return -1;
+    }
+    return 0;
+}
+
+// A key that must be true or false when present (absent: false); 0, or -1 after naming the key.
+static int lookup_strict_bool(const char* caller, const config_t* lc, const char* path, bool* value)
+{
+    *value = false;
+    const config_setting_t* st = config_lookup(lc, path);
+    if (!st)
+        return 0;
+    if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
+        zlog(L_ERR, "%s: %s must be true or false\n", caller, path);
+        return -1;
+    }
+    *value = config_setting_get_bool(st) != 0;
+    return 0;
 }
 
 static bool lookup_member_bool(const config_setting_t* setting, const char* key, bool dflt)
@@ -256,7 +293,14 @@ int load_config(vesk_cfg* cfg, int is_reload)
     cfg->urq_tmout_sec = lookup_int(lc, "vesk.urq_tmout_sec", D_URQ_TMOUT_MS / 1000);
     cfg->max_tasks = static_cast<size_t>(lookup_int(lc, "vesk.max_tasks", D_MAX_TASKS));
     cfg->task_tmout_ms = static_cast<size_t>(lookup_int(lc, "vesk.task_tmout_ms", D_DW_TMOUT_MS));
-    cfg->max_mmap_mb = static_cast<size_t>(lookup_int(lc, "vesk.max_mmap_mb", D_MAX_MMAP_MB));
+    const int mmap_mb = lookup_int(lc, "vesk.max_mmap_mb", D_MAX_MMAP_MB);
+    // A negative size would wrap to a huge one and map every file, however large.
+    if (mmap_mb < 0) {
+        zlogf(L_ERR, "%s: invalid %s value: %d (allowed 0 and above)\n", "vesk.max_mmap_mb",
+              mmap_mb);
+        return -1;
+    }
+    cfg->max_mmap_mb = static_cast<size_t>(mmap_mb);
     const int rsv_ms = lookup_int(lc, "vesk.resolve_tmout_ms", D_RESOLVE_TMOUT_MS);
     const config_setting_t* rsv_set = config_lookup(lc, "vesk.resolve_tmout_ms");
     if (rsv_set && config_setting_type(rsv_set) != CONFIG_TYPE_INT) {
@@ -269,21 +313,26 @@ int load_config(vesk_cfg* cfg, int is_reload)
         return -1;
     }
     cfg->resolve_tmout_ms = rsv_ms;
+    int pool_max = 0;
+    int pool_idle = 0;
+    if (lookup_ranged_int(__func__, lc, "vesk.src_pool_max", D_SRC_POOL_MAX, 0,
+                          D_SRC_POOL_MAX_LIMIT, &pool_max) ||
+        lookup_ranged_int(__func__, lc, "vesk.src_pool_idle_ms", D_SRC_POOL_IDLE_MS, 1, 600000,
+                          &pool_idle))
+        return -1;
+    cfg->src_pool_max = static_cast<size_t>(pool_max);
+    cfg->src_pool_idle_ms = pool_idle;
 
-    if (const config_setting_t* st = config_lookup(lc, "vesk.end_stalled_tasks")) {
-        if (config_setting_type(st) != CONFIG_TYPE_BOOL) {
-            zlogf(L_ERR, "%s: %s must be true or false\n", "vesk.end_stalled_tasks");
-            return -1;
-        }
-        cfg->end_stalled_tasks = config_setting_get_bool(st) != 0;
-    } else {
-        cfg->end_stalled_tasks = false;
-    }
+    if (lookup_strict_bool(__func__, lc, "vesk.end_stalled_tasks", &cfg->end_stalled_tasks))
+        return -1;
     if (cfg->end_stalled_tasks && (cfg->task_tmout_ms < 1 || cfg->task_tmout_ms > INT_MAX)) {
         zlogf(L_ERR, "%s: %s must be at least 1 with vesk.end_stalled_tasks\n",
               "vesk.task_tmout_ms");
         return -1;
     }
+
+    if (lookup_strict_bool(__func__, lc, "vesk.splice_to_file", &cfg->splice_to_file))
+        return -1;
 
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");
@@ -348,6 +397,11 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     if (cfg->resolve_tmout_ms != D_RESOLVE_TMOUT_MS)
         fprintf(stream, "\tlook-up time-out     = %ld ms\n", cfg->resolve_tmout_ms);
+    if (cfg->splice_to_file)
+        fprintf(stream, "\tplain writes         = spliced from the socket\n");
+    if (cfg->src_pool_max)
+        fprintf(stream, "\tidle source pool     = %zu connections, %ld ms\n", cfg->src_pool_max,
+                cfg->src_pool_idle_ms);
     dump_acl(stream, "allowed clients", &cfg->allow_clients);
     dump_acl(stream, "allowed sources", &cfg->allow_sources);
     dump_acl(stream, "denied sources", &cfg->deny_sources);

@@ -21,6 +21,9 @@ enum : size_t {
     D_DW_TMOUT_MS = 5000,
     D_MAX_MMAP_MB = 8,
     D_RESOLVE_TMOUT_MS = 5000, // the system resolver's own time-out per try
+    D_SRC_POOL_MAX = 0,        // no idle source connections kept: each download connects anew
+    D_SRC_POOL_MAX_LIMIT = 4096,
+    D_SRC_POOL_IDLE_MS = 5000,
     DOOR_INDEX = 0,
 };
 
@@ -56,6 +59,9 @@ struct vesk_cfg {
     size_t max_mmap_mb;    // larger destination files are written through a buffer
     char seg_url_pfx[128]; // local URL prefix of downloaded segments
     long resolve_tmout_ms; // bound of one look-up of a source host name
+    size_t src_pool_max;   // idle keep-alive source connections kept for reuse; 0: none
+    long src_pool_idle_ms; // how long one of them may stay idle
+    bool splice_to_file;   // buffer path: socket -> pipe -> file in the kernel, not read + write
     lbdb_cfg lbdb;         // lbdb.port 0: no database
     acl_list allow_clients; // peers that may send requests; empty: everyone
     acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all

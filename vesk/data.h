@@ -21,6 +21,7 @@
 constexpr uint32_t DW_URQ = mk_tag32("URQ");  // dw_urq, an HTTP download request
 constexpr uint32_t DOW_TAG = mk_tag32("DOW"); // dw_task, a download task
 constexpr uint32_t UDL_TAG = mk_tag32("UDL"); // udl_ctx, the UDP channel
+constexpr uint32_t SPL_TAG = mk_tag32("SPL"); // spl_entry, an idle pooled source connection
 static_assert(RSC_TAG == mk_tag32("Rsc"));
 
 // Suffix of a destination file while it is being written (the NUL included in the size).
@@ -28,7 +29,7 @@ inline constexpr char VESK_SEGXT[] = "-Vesk";
 static_assert(sizeof(VESK_SEGXT) == 6);
 
 // Ids in the time-out registry, and the default request time-out.
-enum : int { IDLE_TASK_TMOUT = 0, URQ_TMOUT = 1, MAX_TMOUT = 2 };
+enum : int { IDLE_TASK_TMOUT = 0, URQ_TMOUT = 1, SRC_POOL_TMOUT = 2, MAX_TMOUT = 3 };
 enum : long { URQ_TMOUT_MS = 5000 };
 
 // Limits of a UDP channel message.
@@ -69,7 +70,7 @@ struct dw_task {
     int sfd;              // source socket, -1 when none
     usock_ctx sctx;       // source socket context
     int dfd;              // destination file, -1 when none
-    int cfd;              // duplicate of the client socket, -1 without client or once answered
+    int cfd;              // the client socket, -1 without client or once answered
     size_t content_length; // announced by the source
     size_t nleft;          // bytes still to receive
     off_t f_pos;           // bytes written so far
@@ -87,6 +88,8 @@ struct dw_task {
     bool has_dfile;   // this task created the file at fpath: only such a file is ever unlinked
     dev_t dfile_dev;  // identity of that file, to tell it from a file put under the same name
     ino_t dfile_ino;  // later (an unfinished file that went stale is expired and made anew)
+    bool src_reused;  // sfd came from the idle pool and has not yet given a byte of the answer
+    bool src_keep;    // the source agreed to keep the connection: it may go back to the pool
 };
 
 // The request buffer of an HTTP download request.

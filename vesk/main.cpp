@@ -25,6 +25,7 @@
 #include "rq.h"
 #include "rqs.h"
 #include "rui.h"
+#include "spool.h"
 #include "tmout.h"
 #include "udl.h"
 #include "util.h"
@@ -487,6 +488,9 @@ int on_read(int fd, int err, void* udata, void* aux)
         pprm_task(dw);
         return 0;
     }
+    case SPL_TAG:
+        spl_on_event(static_cast<spl_entry*>(udata));
+        return 0;
     case ADM_TAG: {
         adm_rq* rq = static_cast<adm_rq*>(udata);
         if (screen_read_event(rq->sockfd, err))
@@ -546,6 +550,8 @@ int on_error(int fd, int err, void* udata, void* aux)
         rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), is_hup);
     else if (tag->num == IOH_TAG)
         return ioh_dispatch(udata, 0, err);
+    else if (tag->num == SPL_TAG)
+        spl_on_event(static_cast<spl_entry*>(udata));
     return 0;
 }
 
@@ -570,6 +576,7 @@ int on_pp()
 {
     pprm_requests();
     pprm_task_cleanup();
+    spl_post_process();
     return 0;
 }
 
@@ -579,6 +586,7 @@ int do_idle_tasks()
     rui_resume_listeners(&g_ctx.rui);
     if (g_cfg->end_stalled_tasks)
         (void)time_out_tasks();
+    spl_expire();
     if (g_tdbg) {
         if (!s_dbg_pushed) {
             log_push_mlevels();

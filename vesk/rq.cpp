@@ -184,7 +184,8 @@ int urq_read(dw_urq* urq)
             }
             urq->hresp = &g_resp_ok;
         } else if ((rc = mk_dw_task(urq->sockfd, &spec)) == 0) {
-            // The task answers through its own duplicate of the socket.
+            // The task answers later through the socket, which is now its own.
+            rui_detach_fd(urq);
             must_answer = false;
         } else {
             urq->hresp = rc == 13 ? &g_resp_denied : &g_resp_err;

@@ -54,6 +54,9 @@ int W_select(const char* caller, int nfds, fd_set* readfds, fd_set* writefds, fd
 // listener is drained), EMFILE and ENFILE (out of descriptors: the caller limits how often that is
 // reported) are returned without a log line.
 [[nodiscard]] int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen);
+// accept4 with SOCK_* `flags` set on the new socket in the same call; logs as W_accept does.
+[[nodiscard]] int W_accept4(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen,
+                            int flags);
 int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout);
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, size_t count,
                      int flag);

@@ -94,3 +94,7 @@ int send_http_request(int sockfd, const http_request* rq);
 // holds the checked Content-Length of a 2xx answer (-1 when absent).
 
 int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp);
+// True when the response head `head` (NUL-terminated, status line first) lets the connection
+// carry another request: HTTP/1.1 without "Connection: close", or HTTP/1.0 with
+// "Connection: keep-alive".
+bool http_head_keeps_alive(const char* head);

@@ -175,8 +175,9 @@ int W_socket(const char* caller, int domain, int type, int protocol)
     const int rc = socket(domain, type, protocol);
     if (rc == -1) {
         const errno_keeper ek;
-        zlog(L_ERR, "%s: socket(%d, %d, %d) ERROR(%d): %s\n", caller, domain, type, protocol,
-             ek.saved, strerror(ek.saved));
+        // The type as the caller named it: the creation flags are not part of it.
+        zlog(L_ERR, "%s: socket(%d, %d, %d) ERROR(%d): %s\n", caller, domain,
+             type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC), protocol, ek.saved, strerror(ek.saved));
     }
     return rc;
 }
@@ -260,11 +261,10 @@ int W_select(const char* caller, int nfds, fd_set* readfds, fd_set* writefds, fd
     return rc;
 }
 
-int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen)
+// The result of accept or accept4 (the same text for both: the flags change no outcome).
+// `offered` is the address length as the caller offered it, before the kernel rewrote it.
+static int accepted(const char* caller, int rc, int fd, struct sockaddr* addr, long offered)
 {
-    // The length is printed as the caller offered it, before the kernel rewrites it.
-    const long offered = addrlen != nullptr ? static_cast<long>(*addrlen) : 0L;
-    const int rc = accept(fd, addr, addrlen);
     // A drained queue ends every accept cycle on a non-blocking listener; it is not an error.
     // Running out of descriptors repeats on every readiness event until some are free: the
     // caller reports it at a rate it limits.
@@ -275,6 +275,18 @@ int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrl
              static_cast<void*>(addr), offered, ek.saved, strerror(ek.saved));
     }
     return rc;
+}
+
+int W_accept(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen)
+{
+    const long offered = addrlen != nullptr ? static_cast<long>(*addrlen) : 0L;
+    return accepted(caller, accept(fd, addr, addrlen), fd, addr, offered);
+}
+
+int W_accept4(const char* caller, int fd, struct sockaddr* addr, socklen_t* addrlen, int flags)
+{
+    const long offered = addrlen != nullptr ? static_cast<long>(*addrlen) : 0L;
+    return accepted(caller, accept4(fd, addr, addrlen, flags), fd, addr, offered);
 }
 
 int W_poll(const char* caller, struct pollfd* fds, nfds_t nfds, int timeout)

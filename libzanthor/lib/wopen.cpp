@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <strings.h>
 
 #include "fdio.h"
 #include "log.h"
@@ -383,4 +384,33 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
     resp->code = code;
     zlogf(L_INFO, "%s: fd=%d received: HTTP/%d.%d %d %s\n", sockfd, major, minor, code, reason);
     return 0;
+}
+
+bool http_head_keeps_alive(const char* head)
+{
+    bool keep = std::strncmp(head, "HTTP/1.1 ", 9) == 0;
+    bool closes = false;
+    // Header names are case-insensitive, and the value is a list of tokens ("close", "keep-alive"
+    // or others). A "close" anywhere wins: reusing a connection the source is about to close
+    // would cost a failed request.
+    static constexpr char k_name[] = "connection:";
+    for (const char* line = std::strchr(head, '\n'); line; line = std::strchr(line, '\n')) {
+        ++line;
+        if (strncasecmp(line, k_name, sizeof(k_name) - 1) != 0)
+            continue;
+        const char* v = line + sizeof(k_name) - 1;
+        const size_t len = std::strcspn(v, "\r\n");
+        char value[128];
+        snprintf(value, sizeof value, "%.*s", static_cast<int>(len), v);
+        for (char* tok = value; *tok;) {
+            tok += std::strspn(tok, " \t,");
+            const size_t n = std::strcspn(tok, " \t,");
+            if (n == 5 && strncasecmp(tok, "close", 5) == 0)
+                closes = true;
+            else if (n == 10 && strncasecmp(tok, "keep-alive", 10) == 0)
+                keep = true;
+            tok += n;
+        }
+    }
+    return keep && !closes;
 }

@@ -64,6 +64,7 @@ http {{
     scgi_temp_path {d}/tmp/scgi;
     sendfile on;
     keepalive_timeout 5;
+    log_format conn '$connection $request';
     server {{
         listen 127.0.0.1:{port};
         server_name localhost;
@@ -78,7 +79,8 @@ class Nginx:
     """A static file server over a temporary document root."""
 
     def __init__(self, workdir: Path, port: int, extra=""):
-        """`extra`: directives for the server block, e.g. "limit_rate 1k;" for slow downloads."""
+        """`extra`: directives for the server block, e.g. "limit_rate 1k;" for slow downloads; the
+        log format "conn" logs each request with its connection number."""
         self.dir = workdir
         self.port = port
         self.root = workdir / "www"

@@ -88,14 +88,16 @@ def wait_fds(pid, expected, timeout=5):
 
 # ---- Successful downloads -----------------------------------------------------------------------
 
-@pytest.mark.parametrize("mmap_mb, small_len, big_len", [
-    (1, 200_000, 3 * MiB + 12345),
-    (None, 8 * MiB, 8 * MiB + 1),  # the default limit: exactly 8 MiB is still mapped
-], ids=["mmap-1", "default-edge"])
-def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, small_len, big_len):
+@pytest.mark.parametrize("mmap_mb, small_len, big_len, splice", [
+    (1, 200_000, 3 * MiB + 12345, False),
+    (None, 8 * MiB, 8 * MiB + 1, False),  # the default limit: exactly 8 MiB is still mapped
+    (1, 200_000, 3 * MiB + 12345, True),  # the larger file spliced from the socket
+], ids=["mmap-1", "default-edge", "mmap-1-splice"])
+def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, small_len, big_len, splice):
     """A file up to max_mmap_mb goes through the memory map, a larger one through plain writes."""
     if mmap_mb is not None:
         agent.vesk["max_mmap_mb"] = mmap_mb
+    agent.vesk["splice_to_file"] = splice
     agent.start()
     files = {"a.ts": os.urandom(small_len), "big.ts": os.urandom(big_len)}
     for name, data in files.items():
@@ -316,9 +318,12 @@ SOURCE_CASES = {
 }
 
 
-@pytest.mark.parametrize("case", SOURCE_CASES)
+@pytest.mark.parametrize("case", [*SOURCE_CASES, "closes_mid_body+splice", "resets_mid_body+splice"])
 def test_source_failure_table(agent, bad_source, case):
+    case, _, variant = case.partition("+")
     route, status, reason, kept, log_text = SOURCE_CASES[case]
+    if variant:  # the body through the pipe instead of the map
+        agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
     agent.start()
     fds = fd_count(agent.proc.pid)
     if route is not None:

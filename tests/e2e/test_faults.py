@@ -125,7 +125,10 @@ def test_disk_already_full_fails_the_download_cleanly(agent, nginx):
 
 
 @needs_tmpfs
-def test_disk_filling_during_a_download(agent, bad_source):
+@pytest.mark.parametrize("splice", [False, True], ids=["mapped", "spliced"])
+def test_disk_filling_during_a_download(agent, bad_source, splice):
+    if splice:
+        agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
     body = bytes(range(256)) * 400  # 100 KiB
     bad_source.route("/slow.ts", body=body, body_cut=10 * KiB, after_cut="resume", stall_timeout=1.5)
     bad_source.route("/late.ts", body=body)

@@ -97,7 +97,11 @@ TEST_F(CfgTest, KeyTableDefaultsAndDumps)
     EXPECT_TRUE(contains(dump(), "\tCommand timeout        = 250 ms\n"
                                  "\tReconnect              = 100 ms\n"
                                  "\tMax pending            = 0\n"))
-        << dump();
+        << dump();    EXPECT_EQ(cfg.src_pool_max, 0u) << "built in: every download on a connection of its own";
+    ASSERT_EQ(load(conf("src_pool_max = 16; src_pool_idle_ms = 2500;")), 0) << out;
+    EXPECT_TRUE(contains(dump(), "\tidle source pool     = 16 connections, 2500 ms\n")) << dump();
+    ASSERT_EQ(load(conf("splice_to_file = true;")), 0) << out;
+    EXPECT_TRUE(cfg.splice_to_file && contains(dump(), "\tplain writes         = spliced from the socket\n"));
 }
 
 TEST_F(CfgTest, RefusedFiles)
@@ -123,6 +127,14 @@ TEST_F(CfgTest, RefusedFiles)
          "load_config: invalid vesk.resolve_tmout_ms value: 0 (allowed 1..600000)\n"},
         {conf("resolve_tmout_ms = \"5s\";"),
          "load_config: vesk.resolve_tmout_ms must be an integer\n"},
+        {conf("max_mmap_mb = -1;"),
+         "load_config: invalid vesk.max_mmap_mb value: -1 (allowed 0 and above)\n"},
+        {conf("src_pool_max = -1;"),
+         "load_config: invalid vesk.src_pool_max value: -1 (allowed 0..4096)\n"},
+        {conf("src_pool_max = \"8\";"), "load_config: vesk.src_pool_max must be an integer\n"},
+        {conf("splice_to_file = 1;"), "load_config: vesk.splice_to_file must be true or false\n"},
+        {conf("src_pool_idle_ms = 0;"),
+         "load_config: invalid vesk.src_pool_idle_ms value: 0 (allowed 1..600000)\n"},
     };
     for (const auto& [text, message] : rows) {
         EXPECT_EQ(load(text), -1) << text;

@@ -191,3 +191,21 @@ TEST_F(Wopen, HttpWithoutPortAssumes80)
     }
     usock_close(fd, &uc);
 }
+
+TEST(HttpKeepAlive, HeadTable)
+{
+    const std::pair<const char*, bool> rows[] = {
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5", true},
+        {"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 5", false},
+        {"HTTP/1.1 200 OK\r\nconnection:Keep-Alive, CLOSE", false},
+        {"HTTP/1.1 200 OK\r\nConnection: keep-alive", true},
+        {"HTTP/1.1 200 OK\r\nConnection: upgrade", true},
+        {"HTTP/1.1 200 OK\r\nX-Connection: close", true},
+        {"HTTP/1.0 200 OK\r\nContent-Length: 5", false},
+        {"HTTP/1.0 200 OK\r\nConnection: keep-alive", true},
+        {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\nConnection: close", false},
+        {"HTTP/2 200 OK", false},
+    };
+    for (const auto& [head, keeps] : rows)
+        EXPECT_EQ(http_head_keeps_alive(head), keeps) << head;
+}
