@@ -60,6 +60,7 @@ fuzz:
 # one table (build/bench/bench.md) and chart (bench.svg). Not a test; BENCH_ARGS=--quick for a
 # smoke run, BENCH_ARGS="--inflight 4096" adds 4096 requests in flight on one listener.
 bench: bench-deps build
+	cmake --build $(RELEASE_DIR) -j $(JOBS) --target vsk_drive
 	/usr/bin/python3 bench/throughput.py --vsk $(RELEASE_DIR)/vesk/vsk $(BENCH_ARGS)
 
 # Cost of one access-list look-up (allow_clients, allow_sources, deny_sources) in the release

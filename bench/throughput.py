@@ -10,23 +10,19 @@ its final name); a run that fails its verification is reported as failed and not
 Run with /usr/bin/python3; `--quick` scales the counts down for a smoke run under a minute.
 """
 import argparse
-import errno
 import http.client
 import json
 import os
 import re
 import resource
-import selectors
 import shutil
 import signal
-import socket
 import statistics
 import subprocess
 import sys
 import tempfile
 import threading
 import time
-from collections import deque
 from pathlib import Path
 
 SOURCE_DIR = Path(__file__).resolve().parents[1]
@@ -45,9 +41,6 @@ SAMPLE_S = 0.005        # least time between two samples of a tool's RssAnon
 IN_FLIGHT = 64          # downloads in flight for every tool that takes a number
 ARIA2_FEEDERS = 4       # keep-alive RPC connections that feed aria2.addUri
 TMPFS = Path("/dev/shm")
-
-DONE_RE = re.compile(r"downloaded: (\d+) bytes, \[([^\]]*)\] to \[([^\]]*)\]")
-END_RE = re.compile(r"TASK-END \[[^\]]*\] \([^)]*\) \[([^\]]*)\]->\[([^\]]*)\]")
 
 
 class Workload:
@@ -131,8 +124,24 @@ class PeakSampler:
 
 
 class Sample:
-    def __init__(self, seconds, cpu, peak_kib):
+    def __init__(self, seconds, cpu, peak_kib, client_cpu=0.0):
         self.seconds, self.cpu, self.peak_kib = seconds, cpu, peak_kib
+        self.client_cpu = client_cpu    # a client the harness runs to drive the tool
+
+
+def wait_sampling(proc, deadline, sample, what):
+    """Waits for a child, sampling a process's memory meanwhile; returns its rusage."""
+    while True:
+        pid, status, usage = os.wait4(proc.pid, os.WNOHANG)
+        if pid:
+            proc.returncode = os.waitstatus_to_exitcode(status)
+            return usage
+        if time.monotonic() > deadline:
+            proc.kill()
+            proc.wait()
+            raise BenchError(f"{what} did not finish within its time limit")
+        sample()
+        time.sleep(POLL_S)
 
 
 def run_command(argv, deadline, cwd=None):
@@ -141,18 +150,8 @@ def run_command(argv, deadline, cwd=None):
     proc = subprocess.Popen(argv, cwd=cwd, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                             stderr=subprocess.PIPE)
     sample = PeakSampler(proc.pid)
-    while True:
-        pid, status, usage = os.wait4(proc.pid, os.WNOHANG)
-        if pid:
-            break
-        if time.monotonic() > deadline:
-            proc.kill()
-            proc.wait()
-            raise BenchError(f"{argv[0]} did not finish within its time limit")
-        sample()
-        time.sleep(POLL_S)
+    usage = wait_sampling(proc, deadline, sample, argv[0])
     seconds = time.monotonic() - t0
-    proc.returncode = os.waitstatus_to_exitcode(status)
     err = proc.stderr.read().decode(errors="replace").strip()
     proc.stderr.close()
     if proc.returncode != 0:
@@ -328,172 +327,6 @@ class Aria2(Tool):
             self.proc = None
 
 
-class LogTail:
-    """Reads the agent's log as it grows and hands out complete lines."""
-
-    def __init__(self, path):
-        self.f = open(path, "rb")
-        self.f.seek(0, os.SEEK_END)
-        self.rest = b""
-
-    def lines(self):
-        chunk = self.f.read()
-        if not chunk:
-            return []
-        data = self.rest + chunk
-        *whole, self.rest = data.split(b"\n")
-        return [x.decode("latin-1") for x in whole]
-
-    def close(self):
-        self.f.close()
-
-
-class Request:
-    """One download order: its client connection and what became of it."""
-
-    __slots__ = ("idx", "url", "text", "sock", "sent", "status", "head", "answered", "on_disk",
-                 "failed")
-
-    def __init__(self, idx, url, text):
-        self.idx, self.url, self.text = idx, url, text
-        self.sock = None
-        self.sent = False
-        self.status = None
-        self.head = b""
-        self.answered = self.on_disk = False
-        self.failed = None
-
-    def finished(self):
-        return self.failed is not None or (self.answered and self.on_disk)
-
-
-class Driver:
-    """Keeps up to `concurrency` downloads in flight on one selector: a slot is taken by the
-    connect and given back once the file is final on disk (or the download failed)."""
-
-    def __init__(self, agent_port, log_tail, requests, concurrency, sample):
-        self.port = agent_port
-        self.log = log_tail
-        self.reqs = requests
-        self.by_url = {r.url: r for r in requests}
-        self.conc = concurrency
-        self.sample = sample
-        self.sel = selectors.DefaultSelector()
-        self.in_flight = 0
-        self.finished = 0
-        self.t_last = None
-
-    def run(self, deadline):
-        pending = deque(self.reqs)
-        try:
-            while self.finished < len(self.reqs):
-                if time.monotonic() > deadline:
-                    raise BenchError(f"time limit reached with {self.finished}/{len(self.reqs)} "
-                                     f"downloads finished, {self.in_flight} in flight")
-                while pending and self.in_flight < self.conc:
-                    self._start(pending.popleft())
-                for key, _ in self.sel.select(timeout=POLL_S if self.sel.get_map() else 0):
-                    self._on_socket(key.data)
-                self._read_log()
-                self.sample()
-                if not self.sel.get_map() and self.in_flight and not pending:
-                    time.sleep(POLL_S)
-        finally:
-            for key in list(self.sel.get_map().values()):
-                self.sel.unregister(key.fileobj)
-                key.fileobj.close()
-            self.sel.close()
-        return self.t_last
-
-    def _start(self, r):
-        self.in_flight += 1
-        s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        s.setblocking(False)
-        r.sock = s
-        rc = s.connect_ex(("127.0.0.1", self.port))
-        if rc not in (0, errno.EINPROGRESS):
-            self._fail(r, f"connect: {os.strerror(rc)}")
-            return
-        self.sel.register(s, selectors.EVENT_WRITE, r)
-
-    def _close(self, r):
-        if r.sock is not None:
-            try:
-                self.sel.unregister(r.sock)
-            except KeyError:
-                pass
-            r.sock.close()
-            r.sock = None
-
-    def _settle(self, r):
-        if r.finished():
-            self.in_flight -= 1
-            self.finished += 1
-            self.t_last = time.monotonic()
-
-    def _fail(self, r, why):
-        if r.finished():
-            return
-        self._close(r)
-        r.failed = why
-        self._settle(r)
-
-    def _on_socket(self, r):
-        s = r.sock
-        if not r.sent:
-            err = s.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
-            if err:
-                self._fail(r, f"connect: {os.strerror(err)}")
-                return
-            try:
-                s.send(r.text)  # a few hundred bytes always fit an empty socket buffer
-            except OSError as e:
-                self._fail(r, f"send: {e}")
-                return
-            r.sent = True
-            self.sel.modify(s, selectors.EVENT_READ, r)
-            return
-        try:
-            chunk = s.recv(4096)
-        except BlockingIOError:
-            return
-        except OSError as e:
-            chunk = b""
-            if r.status is None:
-                self._fail(r, f"recv: {e}")
-                return
-        if chunk and r.status is None:
-            r.head += chunk
-            if b"\r\n" in r.head:
-                m = re.match(rb"HTTP/1\.[01] (\d{3})", r.head)
-                r.status = int(m.group(1)) if m else 0
-        if chunk:
-            return
-        # The agent closes the connection after its one answer.
-        self._close(r)
-        if r.status != 200:
-            line = r.head.split(b"\r\n", 1)[0].decode("latin-1")
-            self._fail(r, f"answer {line!r}" if line else "closed without an answer")
-            return
-        r.answered = True
-        self._settle(r)
-
-    def _read_log(self):
-        for line in self.log.lines():
-            m = DONE_RE.search(line)
-            if m:
-                r = self.by_url.get(m.group(2))
-                if r is not None and not r.finished():
-                    r.on_disk = True
-                    self._settle(r)
-                continue
-            m = END_RE.search(line)
-            if m and m.group(2).endswith("-Vesk"):
-                r = self.by_url.get(m.group(1))
-                if r is not None and not r.on_disk:
-                    self._fail(r, "task ended without its file")
-
-
 # What etc/vsk.conf sets about throughput beyond the built-in defaults; --vsk-set overrides.
 SAMPLE_KEYS = {"max_mmap_mb": 0, "splice_to_file": True, "src_pool_max": 64,
                "src_pool_idle_ms": 5000}
@@ -507,7 +340,7 @@ class Vsk(Tool):
 
     def __init__(self, bench):
         super().__init__(bench)
-        self.agent = self.tail = self.redis = None
+        self.agent = self.redis = None
 
     def start(self, wl):
         b = self.b
@@ -545,7 +378,6 @@ class Vsk(Tool):
                 why = next((x for x in text if "max_queued" in x), text[-1] if text else str(e))
                 raise Skip(f"the agent refuses web_input.max_queued = {wl.in_flight}: {why}")
             raise
-        self.tail = LogTail(self.agent.log_path)
 
     def probe_max_queued(self):
         """An agent that does not read web_input.max_queued ignores it and keeps its built-in
@@ -563,37 +395,36 @@ class Vsk(Tool):
 
     def run(self, wl, src, dst):
         expiry = int(time.time()) + EXPIRY_AHEAD_S
-        port = self.agent.port
-        reqs = []
-        for i, p in enumerate(wl.rel()):
-            url = self.b.nginx.url(f"{wl.files}/{p}")
-            text = (f"GET /src/{url}/dst/{wl.slug}/{p}?expiry={expiry} HTTP/1.1\r\n"
-                    f"Host: 127.0.0.1:{port}\r\nUser-Agent: vsk-bench\r\n\r\n").encode()
-            reqs.append(Request(i, url, text))
+        orders = self.b.work / "vsk-orders.txt"
+        with open(orders, "w") as f:
+            for p in wl.rel():
+                url = self.b.nginx.url(f"{wl.files}/{p}")
+                f.write(f"{url} /src/{url}/dst/{wl.slug}/{p}?expiry={expiry}\n")
         pid = self.agent.proc.pid
         sample = PeakSampler(pid)
         attached = self.b.attach_start(wl, pid)
-        drv = Driver(port, self.tail, reqs, wl.in_flight, sample)
         cpu0 = cpu_seconds(pid)
-        t0 = time.monotonic()
+        # The driver times itself, from its first connect to the last file under its final name.
+        drv = subprocess.Popen([self.b.args.driver, str(self.agent.port), str(self.agent.log_path),
+                                str(wl.in_flight), str(wl.time_limit), str(orders)],
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT)
         try:
-            t_last = drv.run(t0 + wl.time_limit)
+            usage = wait_sampling(drv, time.monotonic() + wl.time_limit + 10, sample, "the driver")
         finally:
             self.b.attach_stop(attached, wl)
         sample(force=True)
         cpu = cpu_seconds(pid) - cpu0
-        failed = [r for r in reqs if r.failed]
-        if failed:
-            first = "; ".join(f"#{r.idx}: {r.failed}" for r in failed[:3])
-            raise BenchError(f"{len(failed)}/{wl.count} downloads failed ({first})")
+        out = drv.stdout.read().decode(errors="replace").strip()
+        drv.stdout.close()
+        if drv.returncode != 0 or not out.startswith("seconds "):
+            raise BenchError(f"driver exited with {drv.returncode}: " + "; ".join(out.splitlines()[:4]))
         if self.agent.proc.poll() is not None:
             raise BenchError(f"the agent exited with {self.agent.proc.returncode}")
-        return Sample(t_last - t0, cpu, sample.peak_kib)
+        return Sample(float(out.split()[1]), cpu, sample.peak_kib,
+                      usage.ru_utime + usage.ru_stime)
 
     def stop(self):
-        if self.tail is not None:
-            self.tail.close()
-            self.tail = None
         try:
             if self.agent is not None and self.agent.proc is not None:
                 code = self.agent.stop()
@@ -680,10 +511,12 @@ class Bench:
                     samples.append(s)
                     # The harness shares the two cores with the tools: its own CPU (the vsk
                     # client, the aria2 RPC feeders) is part of what a run costs the machine.
-                    own = (t1.user + t1.system) - (t0.user + t0.system)
+                    own = (t1.user + t1.system) - (t0.user + t0.system) + s.client_cpu
                     print(f"  {wl.name:<12} {tool.name:<11} run {i + 1}: {s.seconds:7.3f} s, "
                           f"CPU {s.cpu:6.3f} s, RssAnon {s.peak_kib / 1024:7.1f} MiB, "
-                          f"harness CPU {own:6.3f} s, nginx CPU {n1 - n0:6.3f} s", flush=True)
+                          f"harness CPU {own:6.3f} s"
+                          + (f" (driver {s.client_cpu:5.3f} s)" if tool.name == Vsk.name else "")
+                          + f", nginx CPU {n1 - n0:6.3f} s", flush=True)
             except Skip as e:
                 self.results[key] = f"skipped: {e}"
                 print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
@@ -818,6 +651,8 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--vsk", default=str(SOURCE_DIR / "build/release/vesk/vsk"),
                     help="agent binary (default: the release build)")
+    ap.add_argument("--driver", help="the agent's client, bench/vsk_drive.cpp (default: "
+                    "vsk_drive in the build tree of --vsk)")
     ap.add_argument("--quick", action="store_true", help="scaled-down counts for a smoke run")
     ap.add_argument("--runs", type=int, help="runs per tool and workload (default 5, quick 3)")
     ap.add_argument("--tools", default="cp,curl,aria2c,vsk",
@@ -848,6 +683,10 @@ def main():
         ap.error("--inflight must not be negative")
     if "vsk" in args.tools and not os.access(args.vsk, os.X_OK):
         sys.exit(f"no agent binary at {args.vsk}; run `make build` first")
+    if args.driver is None:
+        args.driver = str(Path(args.vsk).resolve().parents[1] / "vsk_drive")
+    if "vsk" in args.tools and not os.access(args.driver, os.X_OK):
+        sys.exit(f"no driver binary at {args.driver}; build the vsk_drive target first")
     if not TMPFS.is_dir():
         sys.exit(f"{TMPFS} is missing: sources and destinations must be on tmpfs")
     conftest.VSK_BIN = os.path.abspath(args.vsk)

@@ -106,3 +106,13 @@ def test_many_requests_in_flight_on_one_listener_are_all_answered(tmp_path):
     row = next(x for x in table.splitlines() if x.startswith("| INFLIGHT-300"))
     cells = [c.strip() for c in row.split("|")[1:-1]]
     assert cells[1] == "vsk" and float(cells[2]) > 0 and int(cells[4]) == 2, table
+
+
+def test_downloads_the_agent_refuses_fail_the_run_with_the_drivers_reason(tmp_path):
+    # With one task at a time the agent answers most of the 64 requests in flight with an error:
+    # the driver must count them as failed downloads and say why, not wait for their files.
+    r, table, _ = run_bench(tmp_path, "--tools", "vsk", "--vsk-set", "max_tasks=1")
+    assert r.returncode == 1, r.stdout + r.stderr
+    row = next(x for x in table.splitlines() if "| vsk |" in x)
+    assert "FAILED" in row and "driver exited with 1: failed " in row, table
+    assert re.search(r"#\d+: answer 'HTTP/1\.1 5\d\d ", r.stdout), r.stdout
