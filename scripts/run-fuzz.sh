@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs each libFuzzer target of the fuzz build for a bounded time, starting from the seed corpus
-# in the tree (new inputs go to a working copy under the build directory, not into the tree).
+# Fuzzes each libFuzzer target of the fuzz build for the given number of seconds, starting from
+# the inputs checked into fuzz/corpus (new inputs go to a working copy under the build directory).
 # Usage: run-fuzz.sh BUILD_DIR SECONDS TARGET...
 # Prints the executions per target; fails when a target reports a crash, a leak, a sanitizer
 # finding or a time-out (the input is kept as <build>/fuzz-artifacts/<target>-crash-...).

@@ -23,6 +23,7 @@
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
+#include "timeop.h"
 #include "webops.h"
 #include "wopen.h"
 
@@ -38,7 +39,7 @@ constexpr int MIN_LOCK_PATH = 4;
 char g_agent_id[UDL_AGENT_ID_LEN];
 unsigned long g_fail_open;
 unsigned long g_fail_open_shown; // the total as the last line showed it
-time_t g_fail_open_sec;
+rate_gate g_fail_open_gate;
 ioh_rec g_renew_timer = {{}, -1, 0, nullptr, nullptr, false};
 
 bool redis_locks()
@@ -167,9 +168,9 @@ void end_order(const char* lid, const char* url, int rc, bool locked)
 void take_unlocked(const char* lid, const char* url, time_t expiry, const char* why)
 {
     g_fail_open += 1;
-    const time_t now = time(nullptr);
-    if (now != g_fail_open_sec) {
-        g_fail_open_sec = now;
+    static constexpr timespec once_a_second = {1, 0};
+    unsigned long held = 0; // the line gives the running total instead
+    if (rate_gate_pass(&g_fail_open_gate, &once_a_second, &held)) {
         g_fail_open_shown = g_fail_open;
         zlog(L_WARN, "%s: no lock for [%s] (%s): order taken anyway, %lu without a lock so far\n",
              "udl_lock", lid, why, g_fail_open);
