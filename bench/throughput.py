@@ -329,7 +329,7 @@ class Aria2(Tool):
 
 # What etc/vsk.conf sets about throughput beyond the built-in defaults; --vsk-set overrides.
 SAMPLE_KEYS = {"max_mmap_mb": 0, "splice_to_file": True, "src_pool_max": 64,
-               "src_pool_idle_ms": 5000}
+               "src_pool_idle_ms": 5000, "log.batch_writes": True}
 
 
 class Vsk(Tool):
@@ -347,13 +347,12 @@ class Vsk(Tool):
         self.agent = conftest.Agent(b.work, f"vsk-{wl.slug}")
         v = self.agent.vesk
         v["log"].update({"level": "info", "max_size_mb": 4096})
-        v.update(SAMPLE_KEYS)
         v["data_dir"] = str(b.dst_root / "vsk")
         (b.dst_root / "vsk").mkdir(parents=True, exist_ok=True)
         if wl.in_flight > IN_FLIGHT:
             v["web_input"][0]["max_queued"] = wl.in_flight
             v["max_tasks"] = max(4096, wl.in_flight)
-        for key, value in b.vsk_set:
+        for key, value in [*SAMPLE_KEYS.items(), *b.vsk_set]:
             *groups, last = key.split(".")    # "log.level" sets a key inside a group
             node = v
             for g in groups:

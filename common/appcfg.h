@@ -27,6 +27,7 @@ struct log_cfg {
     int max_size_mb;    // rotate at this size
     int max_files;      // rotated files kept
     bool eod_rotate;    // rotate at the end of each day
+    bool batch_writes;  // one write per event-loop pass instead of one per record
 };
 
 struct rt_cfg {

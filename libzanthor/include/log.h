@@ -76,6 +76,9 @@ struct log_ctx {
     n64_tag group;
     lard_handle* lh;
     log_syslog syslg;
+    // Records are held in one buffer and written once per event-loop pass (log_sync), not one
+    // write per record.
+    unsigned batch : 1;
 };
 
 // Level context of a source module: {module number, section number}; section -1 means none.
@@ -144,6 +147,13 @@ size_t logbuf_len();
 [[gnu::format(printf, 3, 0)]] int logbuf_vprepare(log_ctx* log, int level, const char* format,
                                                    va_list ap);
 void log_flush(log_ctx* log, int level);
+// Batched writes: with `on`, records of `log` are kept in memory until log_sync, until the buffer
+// is full, or until the output changes, closes or the process aborts or exits; off writes what is
+// held. One log at a time can batch.
+void log_set_batching(log_ctx* log, bool on);
+bool log_batching(const log_ctx* log);
+// Writes the records held for `log`; the event loop calls it before it waits.
+void log_sync(const log_ctx* log);
 
 // Whether a record at `level` from the module/section of `llc` goes to the outputs.
 inline bool log_wants(const log_llctx* llc, int level)

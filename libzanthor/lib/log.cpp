@@ -32,10 +32,18 @@ static char g_outbuf[LOG_OUTBUF_SIZE];
 static size_t g_outlen = 0;
 
 constexpr size_t LOG_OUTBUF_USABLE = LOG_OUTBUF_SIZE - 1;
+constexpr size_t LOG_BATCH_SIZE = 65536;
 constexpr size_t ROTATED_NAME_MAX = 160;     // rotated names must stay below this
 constexpr size_t MOVED_ASIDE_NAME_MAX = 127; // the start-up move keeps names shorter
 constexpr int BTRACE_DEPTH = 16;
 constexpr size_t BTRACE_AREA = 511;
+
+// Records of the batching log, not yet written. A handler never touches them: it writes its own
+// record straight to the descriptor, and the quit signals are let in only while the loop waits,
+// after it has written what was held here.
+static char s_batch[LOG_BATCH_SIZE];
+static size_t s_batch_len = 0;
+static const log_ctx* s_batch_log = nullptr;
 
 static void default_syslog_sink(int priority, const char* text)
 {
@@ -130,8 +138,49 @@ static FILE* out_stream(const log_ctx* log)
     return log->fp ? log->fp : stderr;
 }
 
+void log_sync(const log_ctx* log)
+{
+    if (s_batch_len == 0 || log != s_batch_log || g_sigctx)
+        return;
+    const int saved_errno = errno;
+    fwrite(s_batch, 1, s_batch_len, out_stream(log));
+    s_batch_len = 0;
+    errno = saved_errno;
+}
+
+static void sync_at_exit()
+{
+    if (s_batch_log)
+        log_sync(s_batch_log);
+}
+
+void log_set_batching(log_ctx* log, bool on)
+{
+    if (!on) {
+        log_sync(log);
+        log->batch = 0;
+        if (s_batch_log == log)
+            s_batch_log = nullptr;
+        return;
+    }
+    if (s_batch_log && s_batch_log != log)
+        log_set_batching(const_cast<log_ctx*>(s_batch_log), false);
+    // A process that ends through exit() still writes what it holds.
+    static bool exit_hook = false;
+    if (!exit_hook)
+        exit_hook = atexit(sync_at_exit) == 0;
+    log->batch = 1;
+    s_batch_log = log;
+}
+
+bool log_batching(const log_ctx* log)
+{
+    return log->batch && s_batch_log == log;
+}
+
 void log_default(log_ctx* log, FILE* stream)
 {
+    log_sync(log);
     log->fp = stream;
     log->is_pipe = 0;
     log->name[0] = '\0';
@@ -188,7 +237,8 @@ static int do_open(log_ctx* log, const char* path, bool is_pipe)
         setvbuf(fp, nullptr, _IONBF, 0);
 
     // The new stream is in place before the old one is closed: a signal handler that logs must
-    // never find a closed stream in the context.
+    // never find a closed stream in the context. What the old one was given goes to it first.
+    log_sync(log);
     FILE* old = log->fp;
     const bool old_pipe = log->is_pipe;
     log->fp = fp;
@@ -259,6 +309,8 @@ const char* log_get_group(const log_ctx* log)
 
 FILE* log_fp(const log_ctx* log)
 {
+    // Whoever writes to the stream directly comes after the records already logged.
+    log_sync(log);
     return out_stream(log);
 }
 
@@ -522,7 +574,14 @@ void log_flush(log_ctx* log, int level)
     FILE* fp = out_stream(log);
     // errno must survive logging: callers log a failure and then look at errno.
     const int saved_errno = errno;
-    fwrite(g_outbuf, 1, g_outlen, fp);
+    if (log->batch && s_batch_log == log && !g_sigctx) {
+        if (s_batch_len + g_outlen > sizeof(s_batch))
+            log_sync(log);
+        memcpy(s_batch + s_batch_len, g_outbuf, g_outlen);
+        s_batch_len += g_outlen;
+    } else {
+        fwrite(g_outbuf, 1, g_outlen, fp);
+    }
     log->total_out += g_outlen;
     if (log->mirror_fp && fileno(log->mirror_fp) != fileno(fp))
         fwrite(g_outbuf, 1, g_outlen, log->mirror_fp);
@@ -612,6 +671,7 @@ void log_emit(const log_llctx* llc, int level, const char* format, ...)
 
 void log_close(log_ctx* log)
 {
+    log_sync(log);
     FILE* fp = log->fp;
     if (fp && !is_std_stream(fp)) {
         const bool pipe = log->is_pipe;
@@ -687,6 +747,7 @@ void log_backtrace(const char* header)
     if (g_mod_ll[LOG_MOD_APP] < L_PANIC)
         g_mod_ll[LOG_MOD_APP] = L_PANIC;
     log_emit(&panic_ctx, L_PANIC, "%s at:\n%s==\n", header, bt);
+    log_sync(g_log);
     fflush(out_stream(g_log));
 }
 
@@ -769,6 +830,7 @@ int log_rotate(log_ctx* log)
         return -1;
     }
     // Taken out of the context before it is closed, so that a signal handler never finds it.
+    log_sync(log);
     FILE* old = log->fp;
     log->fp = nullptr;
     if (old && fclose(old) != 0) {

@@ -447,6 +447,8 @@ static int rqs_wait()
     if (ms > INT_MAX)
         ms = INT_MAX;
     const int cap = static_cast<int>(evs->max_len);
+    // Records held by a batching log go out before the wait, so that nothing lingers while idle.
+    log_sync(g_log);
     const int n = epoll_pwait(g_rqs.loopfd, static_cast<struct epoll_event*>(evs->data), cap,
                               static_cast<int>(ms), &g_wait_mask);
     const int err = errno;

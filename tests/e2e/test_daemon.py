@@ -266,20 +266,27 @@ def test_failed_setup_in_foreground_exits_1(agent):
     assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
 
 
-def test_log_through_pipe(agent):
+# Batched writes change when records reach the output, never which ones or in what order.
+BATCH = pytest.mark.parametrize("batch", [False, True], ids=["per_record", "batched"])
+
+
+@BATCH
+def test_log_through_pipe(agent, batch):
     target = agent.dir / "piped.log"
-    agent.vesk["log"]["file"] = f"|cat >> {target}"
+    agent.vesk["log"].update(file=f"|cat >> {target}", batch_writes=batch)
     agent.log_path = target  # what the harness reads as the log
     agent.start()
     assert agent.stop() == 0
     log, pid = agent.log(), agent.proc.pid
     assert f"STARTING. PID={pid}\n" in log
+    assert ("\twrites = batched, one per loop pass\n" in log) == batch
     assert re.search(rf" EXIT\(0\)\. PID={pid}\n$", log), log[-500:]
     assert not [p for p in os.listdir(agent.dir) if p.startswith("|")]
 
 
-def test_log_rotated_at_its_size(agent):
-    agent.vesk["log"]["max_size_mb"] = 1
+@BATCH
+def test_log_rotated_at_its_size(agent, batch):
+    agent.vesk["log"].update(max_size_mb=1, batch_writes=batch)
     t0 = int(time.time())
     agent.start()
 

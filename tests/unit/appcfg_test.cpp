@@ -76,11 +76,15 @@ TEST_F(AppcfgTest, LogAndRuntimeSections)
     ASSERT_EQ(load_log_config(parse("g: { level = \"DEBUG\"; time_format = \"GMT\"; };"), &lc), 0);
     EXPECT_EQ(lc.level, L_DEBUG);
     EXPECT_EQ(lc.timefmt, static_cast<int32_t>(f_GMT_TIME));
+    EXPECT_FALSE(lc.batch_writes);
+    ASSERT_EQ(load_log_config(parse("g: { batch_writes = true; };"), &lc), 0);
+    EXPECT_TRUE(lc.batch_writes);
 
     const std::pair<std::string, std::string> bad[] = {
         {"level = \"verbose\";", "Invalid log level: verbose\n"},
         {"level = \"debugdebugdebug\";", "level value is too long (15)"},
         {"file = \"" + std::string(127, 'p') + "\";", "file value is too long (127)"},
+        {"batch_writes = 1;", "Invalid log batch_writes: must be true or false\n"},
     };
     for (const auto& [body, message] : bad) {
         const config_setting_t* g = parse("g: { " + body + " };");

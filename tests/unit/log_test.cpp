@@ -343,6 +343,80 @@ TEST_F(LogTest, RotatesBySizeKeepingTheTriggeringRecordInTheOldFile)
         << text();
 }
 
+TEST_F(LogTest, BatchedRecordsWaitForASyncAndKeepTheirOrder)
+{
+    log_set_batching(g_log, true);
+    zlog(L_INFO, "one\n");
+    zlog(L_WARN, "two\n");
+    EXPECT_EQ(text(), "") << "held until the loop syncs";
+    EXPECT_EQ(g_log->total_out, 22u) << "rotation counts held bytes";
+    log_sync(g_log);
+    EXPECT_EQ(text(), "(INF)  one\n(WRN)  two\n");
+
+    // Whoever takes the stream to write to it directly comes after what was logged.
+    zlog(L_INFO, "three\n");
+    fputs("direct\n", log_fp(g_log));
+    EXPECT_EQ(text(), "(INF)  one\n(WRN)  two\n(INF)  three\ndirect\n");
+
+    // More than the buffer holds goes out without waiting for a sync, whole records in order.
+    const std::string line(1000, 'x');
+    for (int i = 0; i < 100; ++i)
+        zlog(L_INFO, "%03d %s\n", i, line.c_str());
+    const std::string part = text();
+    EXPECT_GT(part.size(), 50000u);
+    EXPECT_LT(part.size(), 100000u);
+    log_sync(g_log);
+    EXPECT_EQ(part.back(), '\n');
+    EXPECT_NE(text().find("(INF)  099 x"), std::string::npos);
+
+    zlog(L_INFO, "last\n");
+    log_set_batching(g_log, false);
+    EXPECT_NE(text().find("last\n"), std::string::npos) << "switching off writes what is held";
+    zlog(L_INFO, "unbatched\n");
+    EXPECT_NE(text().find("unbatched\n"), std::string::npos);
+}
+
+TEST_F(LogTest, BatchedRecordsReachTheOldFileOnRotationAndTheFileOnClose)
+{
+    log_set_batching(g_log, true);
+    log_set_rota(g_log, 30, 4, 0);
+    zlog(L_INFO, "0123456789\n");
+    zlog(L_INFO, "0123456789\n"); // 36 >= 30: rotates
+    std::vector<fs::path> rotated;
+    for (const auto& e : fs::directory_iterator(dir))
+        if (e.path() != path)
+            rotated.push_back(e.path());
+    ASSERT_EQ(rotated.size(), 1u);
+    EXPECT_EQ(slurp(rotated[0]), "(INF)  0123456789\n(INF)  0123456789\n");
+    log_set_rota(g_log, 0, 4, 0);
+    zlog(L_INFO, "after\n");
+    EXPECT_EQ(text().find("after"), std::string::npos);
+    log_close(g_log);
+    EXPECT_NE(text().find("previous log rotated to"), std::string::npos) << text();
+    EXPECT_NE(text().find("(INF)  after\n"), std::string::npos) << text();
+}
+
+TEST_F(LogTest, BatchedRecordsSurviveExitAndAbort)
+{
+    log_set_batching(g_log, true);
+    EXPECT_EXIT(
+        {
+            zlog(L_INFO, "held at exit\n");
+            exit(3);
+        },
+        ::testing::ExitedWithCode(3), "");
+    EXPECT_EQ(text(), "(INF)  held at exit\n");
+    EXPECT_DEATH(
+        {
+            zlog(L_INFO, "held at abort\n");
+            log_abort("%s: giving up\n", "x");
+        },
+        "");
+    const std::string t = text();
+    EXPECT_LT(t.find("held at abort"), t.find("x: giving up")) << t;
+    EXPECT_NE(t.find("Aborting at:\n#0: "), std::string::npos) << t;
+}
+
 TEST_F(LogTest, RotatesAtEndOfDay)
 {
     log_set_rota(g_log, 0, 4, 0);
