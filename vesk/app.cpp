@@ -444,9 +444,11 @@ static void on_src_resolved(void* arg, int status, const char* addr)
     fail_source_start(dw, rc);
 }
 
-// Takes an idle pooled connection to the task's source host and port, if there is one. 0 when
-// the task now waits for it to be writable, like a new connection; -1 when there is none or it
-// cannot be registered (then it is closed).
+// Takes an idle pooled connection to the task's source host and port, if there is one, and sends
+// the request on it at once: an idle connection has room to send, so waiting for it to be
+// writable would only cost a loop pass. 0 when the task now waits for the answer; -1 when there is
+// no pooled connection or the request could not go out on it (then it is closed, and the caller
+// connects anew).
 static int reuse_source(dw_task* dw)
 {
     const int fd = spl_take(dw->spec.url);
@@ -456,16 +458,24 @@ static int reuse_source(dw_task* dw)
     dw->sctx.non_blocking = true;
     dw->sctx.skip_http = true;
     dw->sctx.timeout_ms = DW_SRC_TMOUT_MS;
-    if (rqs_mod(fd, dw, RQS_WRITE) != 0) {
+    zlogf(L_DEBUG, "%s: fd%d reused for [%s]\n", fd, dw->spec.url);
+    if (usock_http_get(fd, dw->spec.url, HTTP_RQ_KEEPALIVE) != 0) {
+        zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", fd);
+        (void)rqs_rm_fd(fd, true, true);
+        usock_close(fd, &dw->sctx);
+        return -1;
+    }
+    if (rqs_mod(fd, dw, RQS_READ) != 0) {
         zlogf(L_ERR, "%s: rqs_mod(fd%d,..) failed for %s\n", fd, dw->spec.url);
         (void)rqs_rm_fd(fd, true, true);
-        (void)W_close(__func__, fd);
+        usock_close(fd, &dw->sctx);
         return -1;
     }
     dw->sfd = fd;
     dw->src_reused = true;
-    set_dw_state(dw, dw_state("ini"));
-    zlogf(L_DEBUG, "%s: fd%d reused for [%s]\n", fd, dw->spec.url);
+    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+    set_dw_state(dw, dw_state("rsp"));
+    zlogf(L_DEBUG, "%s: awaiting response from %s\n", dw->spec.url);
     return 0;
 }
 
@@ -1079,8 +1089,8 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
             dw->nleft -= static_cast<size_t>(tail_len);
         }
     } else {
-        if (W_lseek(__func__, dw->dfd, 0, SEEK_SET) < 0)
-            return -1;
+        // The file was created by this open and neither reservation nor truncation moves the
+        // offset: the writes start at 0 without a seek.
         dw->is_mmapped = false;
         dw->buf = nullptr;
         dw->buflen = 0;
