@@ -350,7 +350,8 @@ class Vsk(Tool):
         v["data_dir"] = str(b.dst_root / "vsk")
         (b.dst_root / "vsk").mkdir(parents=True, exist_ok=True)
         if wl.in_flight > IN_FLIGHT:
-            v["web_input"][0]["max_queued"] = wl.in_flight
+            # Room for every order at once, in the agent and in the kernel's accept queue.
+            v["web_input"][0].update(max_queued=wl.in_flight, backlog=wl.in_flight)
             v["max_tasks"] = max(4096, wl.in_flight)
         for key, value in [*SAMPLE_KEYS.items(), *b.vsk_set]:
             *groups, last = key.split(".")    # "log.level" sets a key inside a group
@@ -405,7 +406,9 @@ class Vsk(Tool):
         cpu0 = cpu_seconds(pid)
         # The driver times itself, from its first connect to the last file under its final name.
         drv = subprocess.Popen([self.b.args.driver, str(self.agent.port), str(self.agent.log_path),
-                                str(wl.in_flight), str(wl.time_limit), str(orders)],
+                                str(wl.in_flight), str(wl.time_limit), str(orders),
+                                # all at once when the backlog holds them all
+                                "0" if wl.in_flight > IN_FLIGHT else "8000"],
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                stderr=subprocess.STDOUT)
         try:

@@ -173,24 +173,25 @@ static int load_listener_port(const config_setting_t* setting, rui_listener_cfg*
     return 0;
 }
 
-// Reads "max_queued", the listener's limit of live requests; absent keeps RUI_DEFAULT_QUEUED.
-static int load_listener_max_queued(const config_setting_t* setting, rui_listener_cfg* l)
+// Reads the listener's integer `key` into `*value`, which keeps `dflt` when the key is absent; a
+// value outside lo..hi is refused. The error names the group the listener stands in
+// ("web_input", "admin_input"): a listener of a list has no name of its own.
+static int load_listener_int(const config_setting_t* setting, const char* key, int dflt, int lo,
+                             int hi, int* value)
 {
     int num = 0;
-    l->max_queued = RUI_DEFAULT_QUEUED;
-    if (config_setting_lookup_int(setting, "max_queued", &num) != CONFIG_TRUE)
+    *value = dflt;
+    if (config_setting_lookup_int(setting, key, &num) != CONFIG_TRUE)
         return 0;
-    if (num < 1 || num > RUI_MAX_QUEUED_LIMIT) {
-        // The error names the group the listener stands in ("web_input", "admin_input"): a
-        // listener of a list has no name of its own.
+    if (num < lo || num > hi) {
         const char* group = config_setting_name(setting);
         if (!group && config_setting_parent(setting))
             group = config_setting_name(config_setting_parent(setting));
-        zlog(L_ERR, "%s: %s.max_queued = %d is out of range (1..%d)\n", "load_listener_from",
-             group ? group : "web_input", num, RUI_MAX_QUEUED_LIMIT);
+        zlog(L_ERR, "%s: %s.%s = %d is out of range (%d..%d)\n", "load_listener_from",
+             group ? group : "web_input", key, num, lo, hi);
         return -1;
     }
-    l->max_queued = static_cast<size_t>(num);
+    *value = num;
     return 0;
 }
 
@@ -198,8 +199,13 @@ static int load_listener_body(const config_setting_t* setting, rui_listener_cfg*
 {
     if (load_config_setting_str(setting, "alias", l->alias, sizeof(l->alias), ""))
         return -1;
-    if (load_listener_max_queued(setting, l))
+    // max_queued: the live requests it holds; backlog: the connections the kernel queues for it.
+    int max_queued = 0;
+    if (load_listener_int(setting, "max_queued", RUI_DEFAULT_QUEUED, 1, RUI_MAX_QUEUED_LIMIT,
+                          &max_queued) ||
+        load_listener_int(setting, "backlog", RUI_DEFAULT_BACKLOG, 1, RUI_MAX_BACKLOG, &l->backlog))
         return -1;
+    l->max_queued = static_cast<size_t>(max_queued);
     char text[16];
     if (load_config_setting_str(setting, "protocol", text, 15, "tcp"))
         return -1;
@@ -366,12 +372,13 @@ void dump_rt_config(FILE* stream, const rt_cfg* cfg)
 
 void dump_listener(FILE* stream, const char* kind_name, const rui_listener_cfg* l)
 {
-    if (l->domain_path[0]) {
+    if (l->domain_path[0])
         fprintf(stream, "\t%s listener[%s]: path=%s\n", kind_name, l->alias, l->domain_path);
-        return;
-    }
-    fprintf(stream, "\t%s listener[%s]: ifc=%s, af=%s port=%s\n", kind_name, l->alias,
-            l->ifc ? l->ifc->name : "<anyaddr>", af_name(l->pref_af), l->port);
+    else
+        fprintf(stream, "\t%s listener[%s]: ifc=%s, af=%s port=%s\n", kind_name, l->alias,
+                l->ifc ? l->ifc->name : "<anyaddr>", af_name(l->pref_af), l->port);
+    if (l->backlog && l->backlog != RUI_DEFAULT_BACKLOG)
+        fprintf(stream, "\t%s listener[%s]: backlog=%d\n", kind_name, l->alias, l->backlog);
 }
 
 // Prints the valid listeners of one type up to the first invalid slot; returns how many.

@@ -9,6 +9,7 @@
 #include <libconfig.h>
 
 #include "log.h"
+#include "netops.h" // NETOPS_BACKLOG
 #include "timeop.h" // time format flags (f_RAW_TIME, f_GMT_TIME, ...)
 #include "ztypes.h"
 
@@ -18,6 +19,9 @@ struct ifc_info;
 enum : size_t { RUI_LISTENER_SLOTS = 4 };
 // Live requests one listener holds by default, and the highest limit a configuration may set.
 enum : int { RUI_DEFAULT_QUEUED = 1000, RUI_MAX_QUEUED_LIMIT = 100000 };
+// Connections the kernel queues for a listener before they are accepted: the length every listener
+// is opened with, and the highest a configuration may set.
+enum : int { RUI_DEFAULT_BACKLOG = NETOPS_BACKLOG, RUI_MAX_BACKLOG = 65535 };
 
 struct log_cfg {
     char path[128];     // empty: standard error; "|cmd": a pipe to cmd
@@ -52,6 +56,8 @@ struct rui_listener_cfg {
     n32_tag kind;        // for example "Web" for a command-line listener
     size_t max_queued;   // live requests it holds; 0 (a listener from the command line) is
                          // RUI_DEFAULT_QUEUED
+    int backlog;         // connections the kernel queues before they are accepted; 0 (a
+                         // listener from the command line) is the built-in 128
 };
 
 struct rui_cfg {

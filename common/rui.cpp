@@ -208,6 +208,14 @@ int rui_start_listener(rui_listener_cfg* cfg, rui_socket_ctx* srv)
         fd = open_anyaddr_listener(cfg->pref_af, cfg->port, 0);
     }
 
+    // The sockets are made listening with the built-in backlog; a configured one is set by
+    // listening again, which the kernel takes as a change of the queue's length (it caps the
+    // length at net.core.somaxconn).
+    if (fd >= 0 && cfg->proto != IPPROTO_UDP && cfg->backlog &&
+        cfg->backlog != RUI_DEFAULT_BACKLOG && W_listen(__func__, fd, cfg->backlog) != 0) {
+        W_close(__func__, fd);
+        fd = -1;
+    }
     if (fd >= 0 && rqs_add_reader(fd, srv) == 0) {
         srv->sockfd = fd;
         srv->deferred = false;

@@ -311,9 +311,10 @@ def test_full_listener_answers_503(agent):
     (lambda v: v["web_input"].update(max_accept=-5), "vesk.web_input.max_accept = -5 is out of range (1..1024)"),
     (lambda v: v["web_input"].update(max_accept=1025), "vesk.web_input.max_accept = 1025 is out of range (1..1024)"),
     (lambda v: v["web_input"].update(max_queued=0), "web_input.max_queued = 0 is out of range (1..100000)"),
+    (lambda v: v["web_input"].update(backlog=70000), "web_input.backlog = 70000 is out of range (1..65535)"),
     (lambda v: v.update(end_stalled_tasks="yes"), "vesk.end_stalled_tasks must be true or false"),
     (lambda v: v.update(end_stalled_tasks=True, task_tmout_ms=0), "vesk.task_tmout_ms must be at least 1"),
-], ids=["accept-0", "accept-neg", "accept-1025", "queued-0", "stalled-text", "stalled-no-tmout"])
+], ids=["accept-0", "accept-neg", "accept-1025", "queued-0", "backlog-70000", "stalled-text", "stalled-no-tmout"])
 def test_bad_fault_settings_are_refused(tmp_path, change, text):
     vesk = {"log": {"file": str(tmp_path / "vsk.log"), "level": "info", "enable_syslog": False},
             "runtime": {"non_daemon": True, "pidfile": str(tmp_path / "vsk.pid")},

@@ -108,7 +108,7 @@ protected:
         const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
         ASSERT_EQ(0, rqs_init(&rc));
         // A TCP listener "web" on every IPv4 address, at a port the system picks.
-        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0};
+        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, 0};
         ASSERT_EQ(0, rui_ctx_init(&cfg_, &g_ctx));
         ASSERT_EQ(0, rui_ctx_start(&g_ctx));
         socklen_t len = sizeof addr_;
@@ -254,7 +254,7 @@ TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
     addr.sin_port = htons(static_cast<uint16_t>(ntohs(addr.sin_port) + 1));
     const std::string port = std::to_string(ntohs(addr.sin_port));
     rui_cfg cfg{};
-    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}, 0};
+    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}, 0, 0};
     snprintf(cfg.user[0].port, sizeof cfg.user[0].port, "%s", port.c_str());
     ASSERT_EQ(0, rui_ctx_init(&cfg, &g_ctx));
     ASSERT_EQ(0, rui_ctx_start(&g_ctx));
@@ -275,6 +275,50 @@ TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
     rui_ctx_destroy(&g_ctx);
     rqs_destroy();
     close(peer);
+}
+
+// Connections that complete their handshake on a listener that accepts none of them: the kernel
+// queues one more than the backlog and drops the other SYNs, so their connects stay pending.
+size_t handshakes_queued(int backlog, size_t tries)
+{
+    rui_cfg cfg{};
+    cfg.user[0] = {true, "deep", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, backlog};
+    rui_socket_cb cb{{mk_tag32("TRQ")}, new_rq, rm_rq, rq_tmout};
+    rui_set_cb(RUI_USER, &cb);
+    const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
+    EXPECT_EQ(0, rqs_init(&rc));
+    EXPECT_EQ(0, rui_ctx_init(&cfg, &g_ctx));
+    EXPECT_EQ(0, rui_ctx_start(&g_ctx));
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    EXPECT_EQ(0, getsockname(g_ctx.user[0].sockfd, reinterpret_cast<sockaddr*>(&addr), &len));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::vector<pollfd> peers;
+    for (size_t i = 0; i < tries; ++i) {
+        const int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        (void)connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        peers.push_back({s, POLLOUT, 0});
+    }
+    // A dropped SYN is sent again only after a second.
+    poll(peers.data(), peers.size(), 300);
+    size_t done = 0;
+    for (const pollfd& p : peers) {
+        int err = -1;
+        socklen_t elen = sizeof err;
+        done += (p.revents & POLLOUT) &&
+                getsockopt(p.fd, SOL_SOCKET, SO_ERROR, &err, &elen) == 0 && err == 0;
+        close(p.fd);
+    }
+    rui_ctx_destroy(&g_ctx);
+    rqs_destroy();
+    return done;
+}
+
+TEST(RuiBacklog, AConfiguredBacklogQueuesMoreConnectionsThanTheBuiltInOne)
+{
+    EXPECT_EQ(129u, handshakes_queued(0, 300)) << "built in: 128";
+    EXPECT_EQ(300u, handshakes_queued(400, 300));
+    EXPECT_EQ(11u, handshakes_queued(10, 300)) << "a shorter queue is honoured too";
 }
 
 } // namespace
