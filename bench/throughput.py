@@ -497,43 +497,67 @@ class Bench:
     def run_workload(self, wl, later):
         src = self.generate(wl)
         names = [t for t in self.args.tools if wl.tools is None or t in wl.tools]
+        # Every tool is started first and the runs take turns (cp, curl, aria2c, vsk, cp, ...):
+        # a machine that gets slower or faster during the workload then weighs on every tool
+        # alike, and the ratios of one run stay fair.
+        started = []
         for tname in names:
             tool = TOOLS[tname](self)
             key = (wl.name, tool.name)
-            samples = self.results[key] = []
+            self.results[key] = []
             dst = self.dst_root / tname / wl.slug
-            try:
-                tool.start(wl)
-                for i in range(self.args.runs):
-                    empty_dir(dst)
-                    t0, n0 = os.times(), self.nginx_cpu()
-                    s = tool.run(wl, src, dst)
-                    t1, n1 = os.times(), self.nginx_cpu()
-                    verify(wl, src, dst)
-                    samples.append(s)
-                    # The harness shares the two cores with the tools: its own CPU (the vsk
-                    # client, the aria2 RPC feeders) is part of what a run costs the machine.
-                    own = (t1.user + t1.system) - (t0.user + t0.system) + s.client_cpu
-                    print(f"  {wl.name:<12} {tool.name:<11} run {i + 1}: {s.seconds:7.3f} s, "
-                          f"CPU {s.cpu:6.3f} s, RssAnon {s.peak_kib / 1024:7.1f} MiB, "
-                          f"harness CPU {own:6.3f} s"
-                          + (f" (driver {s.client_cpu:5.3f} s)" if tool.name == Vsk.name else "")
-                          + f", nginx CPU {n1 - n0:6.3f} s", flush=True)
-            except Skip as e:
-                self.results[key] = f"skipped: {e}"
-                print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
-            except (BenchError, AssertionError, OSError) as e:
-                self.results[key] = f"FAILED: {e}"
-                print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
-            finally:
-                try:
-                    tool.stop()
-                except (BenchError, AssertionError) as e:
-                    self.results[key] = f"FAILED: {e}"
-                    print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
-                shutil.rmtree(dst, ignore_errors=True)
+            if self.guarded(wl, tool, key, lambda t=tool: t.start(wl)):
+                started.append((tool, key, dst))
+            else:
+                self.stop_tool(wl, tool, key, dst)
+        try:
+            for i in range(self.args.runs):
+                for tool, key, dst in started:
+                    if isinstance(self.results[key], list):
+                        self.guarded(wl, tool, key,
+                                     lambda t=tool, k=key, d=dst: self.one_run(wl, t, k, src, d, i))
+        finally:
+            for tool, key, dst in started:
+                self.stop_tool(wl, tool, key, dst)
         if not any(w.files == wl.files for w in later):
             shutil.rmtree(src, ignore_errors=True)  # tmpfs is memory: keep one file set at once
+
+    def guarded(self, wl, tool, key, step):
+        """Runs `step`; a skip or failure is recorded for the tool, which then runs no more."""
+        try:
+            step()
+            return True
+        except Skip as e:
+            self.results[key] = f"skipped: {e}"
+        except (BenchError, AssertionError, OSError) as e:
+            self.results[key] = f"FAILED: {e}"
+        print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
+        return False
+
+    def one_run(self, wl, tool, key, src, dst, i):
+        empty_dir(dst)
+        t0, n0 = os.times(), self.nginx_cpu()
+        s = tool.run(wl, src, dst)
+        t1, n1 = os.times(), self.nginx_cpu()
+        verify(wl, src, dst)
+        self.results[key].append(s)
+        # The harness shares the two cores with the tools: its own CPU (the vsk client, the aria2
+        # RPC feeders) is part of what a run costs the machine.
+        own = (t1.user + t1.system) - (t0.user + t0.system) + s.client_cpu
+        print(f"  {wl.name:<12} {tool.name:<11} run {i + 1}: {s.seconds:7.3f} s, "
+              f"CPU {s.cpu:6.3f} s, RssAnon {s.peak_kib / 1024:7.1f} MiB, "
+              f"harness CPU {own:6.3f} s"
+              + (f" (driver {s.client_cpu:5.3f} s)" if tool.name == Vsk.name else "")
+              + f", nginx CPU {n1 - n0:6.3f} s", flush=True)
+        empty_dir(dst)  # tmpfs is memory: the next tool's run should not pay for these files
+
+    def stop_tool(self, wl, tool, key, dst):
+        try:
+            tool.stop()
+        except (BenchError, AssertionError) as e:
+            self.results[key] = f"FAILED: {e}"
+            print(f"  {wl.name:<12} {tool.name:<11} {self.results[key]}", flush=True)
+        shutil.rmtree(dst, ignore_errors=True)
 
     def close(self):
         if self.nginx is not None:
