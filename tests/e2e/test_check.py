@@ -6,7 +6,7 @@ import socket
 
 import pytest
 
-from conftest import free_port, render_config, run_vsk
+from conftest import files_under, free_port, render_config, run_vsk
 
 OK = "configuration OK\n"
 FAILED = "configuration check FAILED\n"
@@ -41,10 +41,6 @@ def check(tmp_path, vesk, *args):
     path = tmp_path / "vsk.conf"
     path.write_text(render_config(vesk))
     return run_vsk("-C", path, "-t", *args)
-
-
-def files_under(d):
-    return sorted(str(p.relative_to(d)) for p in d.rglob("*") if p.is_file())
 
 
 def test_check_passes_while_the_ports_are_taken_and_writes_nothing(tmp_path):

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from conftest import VSK_BIN, free_port, minimal_config, render_config, run_vsk
+from conftest import VSK_BIN, free_port, minimal_config, run_vsk
 
 USAGE = "Usage: vsk PARAMETERS [OPTIONS]\n\n"
 VERSION_RE = (r"^vsk \(Download manager\) 0\.2-0\.7 \(torbella\) regular \[Ubuntu 14\.04\.5 Linux "
@@ -139,15 +139,6 @@ def test_usage_text():
     assert "-u|--runas" in r.stderr
     assert "  -t|--check                 check the configuration and exit (0 when OK)\n" in r.stderr
     assert "----\nlibznt/1.5-6.16 (" in r.stderr
-
-
-def test_config_without_listener_is_refused(tmp_path):
-    path = tmp_path / "vsk.conf"
-    path.write_text(render_config({"log": {"enable_syslog": False}, "runtime": {},
-                                   "data_dir": str(tmp_path)}))
-    r = run_vsk("-C", path)
-    assert r.returncode == 1
-    assert "at least one listener must be present" in r.stderr
 
 
 def test_quiet_option_overrides_the_file(agent):
