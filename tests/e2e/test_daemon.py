@@ -106,6 +106,14 @@ def test_cpu_pinning(agents):
     free = agents("free").start("-P", "-5")
     assert "processor affinity" not in free.log() and "\tCPU:" not in dump_of(free.log())
 
+    # A CPU that is not there fails the set-up in the foreground: status 1.
+    bad = agents("bad").start("-P", "1024", wait_for=None)
+    assert bad.wait_exit() == 1
+    log, pid = bad.log(), bad.proc.pid
+    assert f"Failed to pin this vsk(pid={pid}) to CPU1024\n" in log and "STARTING" not in log
+    assert "runtime_setup: FAILED (rc=-1)\n" in log
+    assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
+
 
 def test_config_dump_defaults(agent):
     agent.start()
@@ -262,15 +270,6 @@ def test_non_root_user_always_runs_in_the_foreground(agent):
         assert not (work / "vsk.pid").exists()
     finally:
         shutil.rmtree(work, ignore_errors=True)
-
-
-def test_failed_setup_in_foreground_exits_1(agent):
-    agent.start("-P", "1024", wait_for=None)
-    assert agent.wait_exit() == 1
-    log, pid = agent.log(), agent.proc.pid
-    assert f"Failed to pin this vsk(pid={pid}) to CPU1024\n" in log and "STARTING" not in log
-    assert "runtime_setup: FAILED (rc=-1)\n" in log
-    assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
 
 
 # Batched writes change when records reach the output, never which ones or in what order.

@@ -78,19 +78,6 @@ def test_request_head_in_pieces(agent, bad_source):
     assert (agent.data_dir / "p.ts").read_bytes() == b"p" * 500
 
 
-def test_empty_destination_takes_the_source_path_and_trailing_slash_data_dir(agent, nginx):
-    agent.vesk["data_dir"] = str(agent.data_dir) + "/"
-    agent.start()
-    payload = os.urandom(5000)
-    nginx.put("live/deep/b.ts", payload)
-    ask(agent, nginx.url("live/deep/b.ts"), "")
-    agent.wait_for_log(r"downloaded: ")
-    assert (agent.data_dir / "live/deep/b.ts").read_bytes() == payload
-    assert files_under(agent.data_dir) == ["live/deep/b.ts"]
-    # No doubled "/" where the configured directory already ends with one.
-    assert f"to [{agent.data_dir}/live/deep/b.ts]" in agent.log() and "//live" not in agent.log()
-
-
 # ---- Segment registry ---------------------------------------------------------------------------
 
 def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis, nginx, bad_source):
@@ -251,7 +238,10 @@ def test_source_failure_table(agent, bad_source, case):
     assert len(bad_source.requests) == (1 if route else 0), bad_source.requests
 
 
-def test_existing_destination_is_forbidden_and_kept(agent, bad_source):
+def test_destinations(agent, bad_source):
+    """An existing file is forbidden and kept; an empty destination takes the source's path, under
+    a data directory given with a trailing slash without a doubled "/"."""
+    agent.vesk["data_dir"] = str(agent.data_dir) + "/"
     agent.start()
     bad_source.route("/e.ts", body=b"new" * 100)
     existing = agent.data_dir / "live/e.ts"
@@ -262,6 +252,13 @@ def test_existing_destination_is_forbidden_and_kept(agent, bad_source):
     agent.wait_for_log(r"TASK-END ")
     assert f"destination [{existing}] is BUSY (already there)" in agent.log()
     assert existing.read_bytes() == b"old contents" and files_under(agent.data_dir) == ["live/e.ts"]
+
+    bad_source.route("/live/deep/b.ts", body=b"b" * 5000)
+    ask(agent, bad_source.url("live/deep/b.ts"), "")
+    agent.wait_for_log(r"downloaded: ")
+    assert (agent.data_dir / "live/deep/b.ts").read_bytes() == b"b" * 5000
+    assert files_under(agent.data_dir) == ["live/deep/b.ts", "live/e.ts"]
+    assert f"to [{agent.data_dir}/live/deep/b.ts]" in agent.log() and "//live" not in agent.log()
 
 
 def test_source_receives_the_exact_get(agent, bad_source):

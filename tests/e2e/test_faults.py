@@ -39,10 +39,15 @@ def assert_answers(agent):
     assert head.startswith(b"HTTP/1.1 204 "), head
 
 
-def files_settle(root, expected):
-    """Waits for the files under `root` to be `expected`: a task logs its end before it removes
-    its unfinished file."""
-    wait_until(f"files {expected}", lambda: sorted(files_under(root)) == expected, timeout=5)
+def settles(agent, idle, lines, root=None, files=()):
+    """What an operator checks after the fault: only the files expected (a task logs its end
+    before it removes its unfinished file), idle descriptors, a bounded log, an answer to GET /,
+    and a quick exit on SIGTERM."""
+    wait_until(f"files {files}", lambda: files_under(root or agent.data_dir) == sorted(files), timeout=5)
+    assert agent.wait_fds(idle) == idle
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    assert_answers(agent)
+    agent.quit_within()
 
 
 def cpu_seconds(pid):
@@ -88,24 +93,6 @@ def fill(path, leave=0):
 
 
 @needs_tmpfs
-def test_disk_already_full_fails_the_download_cleanly(agent, nginx):
-    nginx.put("full.ts", BODY * 4)  # the head and its body arrive together, as a small file does
-    data = start_on_tmpfs(agent, 256 * KiB)
-    fill(data / "filler")
-    idle, lines = agent.fds(), log_lines(agent)
-    for i in range(3):
-        ask(agent, nginx.url("full.ts"), f"d/full{i}.ts", expect=(500, "Service error"))
-    agent.wait_for_log(r"TASK-END ", count=3)
-    assert_answers(agent)
-    log = agent.log()
-    assert "posix_fallocate(" in log and "ERROR(28): No space left on device" in log
-    files_settle(data, ["filler"])
-    assert agent.wait_fds(idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    agent.quit_within()
-
-
-@needs_tmpfs
 @pytest.mark.parametrize("splice", [False, True], ids=["mapped", "spliced"])
 def test_disk_filling_during_a_download(agent, bad_source, splice):
     if splice:
@@ -121,13 +108,13 @@ def test_disk_filling_during_a_download(agent, bad_source, splice):
     assert_answers(agent)
     agent.wait_for_log(r"downloaded: 102400 bytes")
     assert (data / "slow.ts").read_bytes() == body
-    # The next one finds no room and is refused without a trace on the disk.
-    ask(agent, bad_source.url("late.ts"), "late.ts", expect=(500, "Service error"))
-    agent.wait_for_log(r"TASK-END ", count=2)
-    files_settle(data, ["filler", "slow.ts"])
-    assert agent.wait_fds(idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    agent.quit_within()
+    # The next ones find no room and are refused without a trace on the disk.
+    for i in range(3):
+        ask(agent, bad_source.url("late.ts"), f"d/late{i}.ts", expect=(500, "Service error"))
+    agent.wait_for_log(r"TASK-END ", count=4)
+    assert "ERROR(28): No space left on device" in agent.log()
+    assert splice or "posix_fallocate(" in agent.log()
+    settles(agent, idle, lines, data, ["filler", "slow.ts"])
 
 
 @pytest.mark.parametrize("mmap_mb", [1, 0], ids=["mapped", "written"])
@@ -136,14 +123,11 @@ def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
     agent.vesk["max_mmap_mb"] = mmap_mb
     agent.start()
     subprocess.run(["prlimit", f"--pid={agent.proc.pid}", f"--fsize={64 * KiB}"], check=True)
-    idle = agent.fds()
+    idle, lines = agent.fds(), log_lines(agent)
     ask(agent, nginx.url("big.ts"), "big.ts", expect=(500, "Service error"))
     agent.wait_for_log(r"TASK-END ")
     assert "ERROR(27): File too large" in agent.log()
-    files_settle(agent.data_dir, [])
-    assert_answers(agent)
-    assert agent.wait_fds(idle) == idle
-    agent.quit_within()
+    settles(agent, idle, lines)
 
 
 # ---- Stalled sources ----------------------------------------------------------------------------
@@ -195,15 +179,13 @@ def test_stalled_tasks_end(agent, bad_source, nginx, case):
         if held:
             for s in held:
                 s.close()
-    files_settle(agent.data_dir, [])
+    wait_until("no file", lambda: files_under(agent.data_dir) == [], timeout=5)
     # The slot is free again.
     ask(agent, nginx.url("ok.ts"), "ok.ts")
     # The answer goes out with the head; the file is in place once the body is.
     agent.wait_for_log(r"downloaded: \d+ bytes, \[[^]]*ok\.ts\]")
     assert (agent.data_dir / "ok.ts").read_bytes() == BODY
-    assert agent.wait_fds(idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    agent.quit_within()
+    settles(agent, idle, lines, files=["ok.ts"])
 
 
 def test_sigterm_while_a_source_is_silent(agent, bad_source):
@@ -257,10 +239,8 @@ def test_out_of_descriptors_backs_off(agent, end):
     if end == "recovers":
         # Once descriptors are free, what waited is served.
         assert pinged and pinged[0].startswith(b"HTTP/1.1 204 "), pinged
-        assert_answers(agent)
         assert " such errors suppressed)" in agent.log()
-        assert agent.wait_fds(idle) == idle
-        agent.quit_within()
+        settles(agent, idle, lines)
 
 
 def test_full_listener_answers_503(agent):
@@ -283,9 +263,7 @@ def test_full_listener_answers_503(agent):
     assert s.family("vsk_http_answers_total") == {}
     for c in holders:
         c.close()
-    wait_until("the idle clients to go", lambda: agent.fds() == idle)
-    assert_answers(agent)
-    agent.quit_within()
+    settles(agent, idle, log_lines(agent))
 
 
 # ---- The quit signal ----------------------------------------------------------------------------
