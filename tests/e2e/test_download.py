@@ -3,6 +3,7 @@ nothing left behind (no unfinished file, no descriptor) when a request or its so
 import os
 import re
 import resource
+import signal
 import socket
 import time
 from pathlib import Path
@@ -115,6 +116,9 @@ def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis
      "read_sha_signature: fopen({sha1}/add_url.sha1,...) ERROR(2): No such file or directory\n", 1),
     ("script-flushed", "lbdb_connect: failed for 127.0.0.1:{port}\n", 2),
     ("redis-down", "lbdb_connect: redisConnectWithTimeout ERROR(1): Connection refused\n", 1),
+    # Accepts (the kernel does) and never answers: the start fails within the time-outs.
+    ("redis-paused", "check_script_exists: no answer within 400 ms, ERROR(1): Resource temporarily "
+                     "unavailable\n", 1),
 ])
 def test_registry_fault_fails_the_start(agent, redis, fault, reason, status):
     port = free_port() if fault == "redis-down" else redis.port
@@ -122,10 +126,19 @@ def test_registry_fault_fails_the_start(agent, redis, fault, reason, status):
         (redis.sha1_dir / "add_url.sha1").unlink()
     elif fault == "script-flushed":
         redis.cli("SCRIPT", "FLUSH")
-    agent.with_registry(redis, port=port).start(wait_for=None)
-    assert agent.wait_exit() == status
+    elif fault == "redis-paused":
+        redis.proc.send_signal(signal.SIGSTOP)
+    try:
+        t0 = time.monotonic()
+        agent.with_registry(redis, port=port, connect_tmout_ms=300, cmd_tmout_ms=400).start(wait_for=None)
+        assert agent.wait_exit(timeout=10) == status
+        assert time.monotonic() - t0 < 5
+    finally:
+        redis.proc.send_signal(signal.SIGCONT)
     log = agent.log()
     assert reason.format(sha1=redis.sha1_dir, port=port) in log, log[-3000:]
+    if fault == "redis-paused":
+        assert f"lbdb_connect: failed for 127.0.0.1:{port}\n" in log
     assert re.search(rf"init_vesk_ctx: failed to \[\?\], rc=-?{status}\n", log), log[-3000:]
     assert re.search(rf" EXIT\({status}\)\. PID={agent.proc.pid}\n$", log), log[-500:]
     assert "STARTING" not in log and "stop_listeners: 1 [user] listener(s) destroyed\n" in log

@@ -20,21 +20,6 @@ def download(agent, nginx, name, expiry=FAR):
 
 # ---- Redis ----------------------------------------------------------------------------------------
 
-def test_silent_redis_fails_the_start_within_the_time_outs(agent, redis):
-    redis.proc.send_signal(signal.SIGSTOP)
-    try:
-        t0 = time.monotonic()
-        agent.with_registry(redis, connect_tmout_ms=300, cmd_tmout_ms=400).start(wait_for=None)
-        assert agent.wait_exit(timeout=10) == 1
-        assert time.monotonic() - t0 < 5
-    finally:
-        redis.proc.send_signal(signal.SIGCONT)
-    log = agent.log()
-    assert "check_script_exists: no answer within 400 ms, ERROR(1): Resource temporarily unavailable\n" in log, log[-2000:]
-    assert f"lbdb_connect: failed for 127.0.0.1:{redis.port}\n" in log
-    assert "STARTING" not in log
-
-
 @pytest.mark.parametrize("ending", ["sigcont", "time-out", "sigterm"])
 def test_paused_redis_never_stops_the_loop(agent, redis, nginx, ending):
     """Downloads finish and requests are answered while Redis is paused; the registrations sent
