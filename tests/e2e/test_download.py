@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (AGENT_TAG, OLD_EXPIRY, ask, curl, digest, dl_path, files_under, free_port,
+from conftest import (AGENT_TAG, OLD_EXPIRY, Scrape, ask, curl, digest, dl_path, files_under, free_port,
                       read_all, registered, request, zrange)
 from peers import BadSource, Route
 
@@ -50,10 +50,10 @@ def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, sm
 
 
 def test_request_head_in_pieces(agent, bad_source):
-    """A head that never completes is timed out unanswered; one that completes in pieces is
-    answered only then, and a body behind it is dropped with a warning."""
+    """A head that never completes is timed out unanswered, on the admin listener too; one that
+    completes in pieces is answered only then, and a body behind it is dropped with a warning."""
     agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
-    agent.start()
+    agent.with_admin().start()
     fds = agent.fds()
     with socket.create_connection(("127.0.0.1", agent.port), timeout=0.5) as s:
         # Above the 32-byte low-water mark, but no line end: the head never completes.
@@ -66,6 +66,10 @@ def test_request_head_in_pieces(agent, bad_source):
     assert re.search(r"urq_timeout: TIME-OUT URQ \[u\w+\]", agent.log())
     assert bad_source.requests == [] and files_under(agent.data_dir) == []
     assert agent.wait_fds(fds) == fds
+    with socket.create_connection(("127.0.0.1", agent.admin), timeout=15) as s:
+        s.sendall(b"GET /metr")
+        assert s.recv(100) == b""
+    assert Scrape(agent)("vsk_requests_queued", type="admin", listener=f"lo:{agent.admin}") == 1
 
     bad_source.route("/p.ts", body=b"p" * 500)
     with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:

@@ -215,12 +215,3 @@ def test_status_larger_than_the_socket_takes_reaches_a_slow_reader(agent, tmp_pa
         for c in clients:
             c.close()
         silent.close()
-
-
-def test_admin_connection_that_never_sends_a_head_times_out(agent):
-    agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
-    agent.with_admin().start()
-    with socket.create_connection(("127.0.0.1", agent.admin), timeout=15) as s:
-        s.sendall(b"GET /metr")
-        assert s.recv(100) == b""  # closed unanswered by the request time-out
-    assert Scrape(agent)("vsk_requests_queued", type="admin", listener=f"lo:{agent.admin}") == 1
