@@ -145,7 +145,9 @@ def test_missing_expiry_aborts_the_agent(agent, tail):
 
 # --- request locks ----------------------------------------------------------------------------
 
-def test_fresh_foreign_lock_skips_order_until_stale(agent, nginx):
+def test_locks_held_by_another_agent_or_a_running_download(agent, nginx, bad_source):
+    """A fresh foreign lock skips the order until it is stale; a running download holds its lock
+    id until its task ends, and the id takes the next order at once."""
     payload = os.urandom(10_000)
     nginx.put("s.ts", payload)
     agent.with_channel().start()
@@ -164,12 +166,9 @@ def test_fresh_foreign_lock_skips_order_until_stale(agent, nginx):
     assert re.search(rf"expired stale lock \[{re.escape(str(lock))}\], age=\d+ sec", text)
     assert (agent.data_dir / "s.ts").read_bytes() == payload and not lock.exists()
 
-
-def test_lock_held_by_running_download_then_released(agent, bad_source):
     body = os.urandom(5000)
     for p in ("/slow1.ts", "/slow3.ts"):
         slow_route(bad_source, p, body)
-    agent.with_channel().start()
 
     def msg(n):
         return order("seg0100", dl_url(agent, bad_source.url(f"slow{n}.ts"), f"a{n}.ts"))
