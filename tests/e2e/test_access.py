@@ -1,6 +1,7 @@
 """Access control as an operator relies on it: clients outside vesk.allow_clients get nothing over
-HTTP or the UDP channel, sources outside vesk.allow_sources or inside vesk.deny_sources are refused
-with 403 before any connection is made, and a bad entry in any list stops the start-up."""
+HTTP, the UDP channel or the admin listener, and sources outside vesk.allow_sources or inside
+vesk.deny_sources are refused with 403 before any connection is made. A bad entry in a list is in
+the table of refused configurations (test_daemon)."""
 import os
 import re
 import shutil
