@@ -1,6 +1,7 @@
 """Real peers of the end-to-end tests on loopback ports (an HTTP file server, a Redis with the
 registry scripts, a scripted HTTP source, UDP senders), each confined to its temporary directory."""
 import os
+import random
 import signal
 import socket
 import struct
@@ -193,15 +194,16 @@ class BadSource:
 
     READ_TIMEOUT = 3.0
 
-    def __init__(self):
+    def __init__(self, host="127.0.0.1"):
+        self.host = host
         self.routes = {}
         self.requests = []
         self._lock = threading.Lock()
         self._stop = threading.Event()
         self._threads = []
-        self._srv = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self._srv = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, socket.SOCK_STREAM)
         self._srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._srv.bind(("127.0.0.1", 0))
+        self._srv.bind((host, 0))
         self._srv.listen(64)
         self._srv.settimeout(0.1)
         self.port = self._srv.getsockname()[1]
@@ -209,7 +211,8 @@ class BadSource:
         self._acceptor.start()
 
     def url(self, path=""):
-        return f"http://127.0.0.1:{self.port}/{str(path).lstrip('/')}"
+        host = f"[{self.host}]" if ":" in self.host else self.host
+        return f"http://{host}:{self.port}/{str(path).lstrip('/')}"
 
     def route(self, path, **behaviour):
         """Scripts the answer for `path` (with its leading "/"); see Route for the keywords."""
@@ -313,15 +316,45 @@ class BadSource:
         assert not any(t.is_alive() for t in threads), "bad_source connection thread did not end"
 
 
-def recv_head(sock):
-    """Bytes received until the end of an HTTP head (or until the peer closed)."""
-    data = b""
-    while b"\r\n\r\n" not in data:
-        chunk = sock.recv(4096)
-        if not chunk:
-            break
-        data += chunk
-    return data
+class NameServer:
+    """A UDP name server on a private loopback address, port 53: "nxdomain" refuses every name,
+    "silent" swallows every query."""
+
+    def __init__(self, mode):
+        self.mode = mode
+        self.queries = 0
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        for _ in range(20):
+            self.addr = f"127.{random.randint(1, 254)}.{random.randint(1, 254)}.{random.randint(2, 254)}"
+            try:
+                self.sock.bind((self.addr, 53))
+                break
+            except OSError:
+                continue
+        self.sock.settimeout(0.1)
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self):
+        while not self._stop.is_set():
+            try:
+                data, peer = self.sock.recvfrom(2048)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            self.queries += 1
+            if self.mode == "nxdomain" and len(data) >= 12:
+                qid, flags = struct.unpack("!HH", data[:4])
+                # A reply (QR), recursion as asked, recursion available, "no such name" (3).
+                head = struct.pack("!HHHHHH", qid, 0x8000 | (flags & 0x0100) | 0x0080 | 3, 1, 0, 0, 0)
+                self.sock.sendto(head + data[12:], peer)
+
+    def stop(self):
+        self._stop.set()
+        self._thread.join(timeout=2)
+        self.sock.close()
 
 
 def udp_send(host, port, payload: bytes):

@@ -12,30 +12,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import PANIC_RE, VSK_BIN, free_port, render_config, run_vsk
+from conftest import PANIC_RE, VSK_BIN, free_port, ping, refused_config, render_config, run_vsk, wait_until
 
 RULE = "-----------------------------------\n"
-PING = b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: vsk-e2e\r\n\r\n"  # above the 32-byte low-water mark
-
-
-def ping(port):
-    """Sends the bare-path request; returns the answer head (b"" on failure). Makes the loop run a pass."""
-    try:
-        with socket.create_connection(("127.0.0.1", port), timeout=5) as s:
-            s.sendall(PING)
-            data = b""
-            while b"\r\n\r\n" not in data and (chunk := s.recv(4096)):
-                data += chunk
-            return data
-    except OSError:
-        return b""
-
-
-def wait_until(what, fn, timeout=10):
-    deadline = time.monotonic() + timeout
-    while not fn():
-        assert time.monotonic() < deadline, f"timed out waiting for {what}"
-        time.sleep(0.05)
 
 
 def process_gone(pid):
@@ -62,31 +41,60 @@ def test_config_syntax_error_names_file_and_line(tmp_path):
     assert not log.exists()
 
 
-@pytest.mark.parametrize("change, text", [
-    (lambda v: v.pop("log"), "load_config: missing log section\n"),
-    (lambda v: v.pop("runtime"), "load_config: missing runtime section\n"),
-    (lambda v: v["log"].update(level="verbose"), "Invalid log level: verbose\n"),
-    (lambda v: v["log"].update(time_format="julian"), "Invalid time format: julian\n"),
-    (lambda v: v.update(udp_input={"is_gzipped": False}), "load_config: missing url for UDP channel\n"),
-    (lambda v: v["web_input"].update(port=70000), "invalid port value: [70000]\n"),
-    (lambda v: v["web_input"].update(protocol="sctp"), "invald protocol for ["),
-    (lambda v: v.update(data_dir="/nonexistent/vsk-data"),
-     "cannot accept [/nonexistent/vsk-data] as vesk.data_dir\n"),
-    (lambda v: (v["log"].pop("file"), v["runtime"].update(non_daemon=False)),
-     "Logfile must be specified to run as daemon\n"),
-], ids=["no-log", "no-runtime", "bad-level", "bad-timefmt", "udp-no-url", "bad-port",
-        "bad-proto", "bad-data-dir", "daemon-no-log"])
-def test_config_errors_exit_1(tmp_path, change, text):
-    log, pid, path = tmp_path / "vsk.log", tmp_path / "vsk.pid", tmp_path / "vsk.conf"
-    vesk = {"log": {"file": str(log), "level": "info", "enable_syslog": False},
-            "runtime": {"non_daemon": True, "pidfile": str(pid)},
-            "web_input": {"ifc": "lo", "port": free_port()}, "data_dir": str(tmp_path)}
-    change(vesk)
-    path.write_text(render_config(vesk))
-    r = run_vsk("-C", path)
-    assert r.returncode == 1 and text in r.stderr, r.stderr
-    # Nothing of the run-time was touched: no log file, no pid file.
-    assert not log.exists() and not pid.exists()
+def keys(**kv):
+    return lambda v: v.update(kv)
+
+
+def web(**kv):
+    return lambda v: v["web_input"].update(kv)
+
+
+# id -> (change to the configuration, what standard error must say). Messages that the unit tests
+# already check on the loader itself are not repeated here.
+BAD_CONFIG = {
+    "no-runtime": (lambda v: v.pop("runtime"), "load_config: missing runtime section\n"),
+    "no-listener": (lambda v: v.pop("web_input"), "at least one listener must be present"),
+    "bad-timefmt": (lambda v: v["log"].update(time_format="julian"), "Invalid time format: julian\n"),
+    "bad-data-dir": (keys(data_dir="/nonexistent/vsk-data"),
+                     "cannot accept [/nonexistent/vsk-data] as vesk.data_dir\n"),
+    "daemon-no-log": (lambda v: (v["log"].pop("file"), v["runtime"].update(non_daemon=False)),
+                      "Logfile must be specified to run as daemon\n"),
+    "accept-0": (web(max_accept=0), "vesk.web_input.max_accept = 0 is out of range (1..1024)"),
+    "accept-neg": (web(max_accept=-5), "vesk.web_input.max_accept = -5 is out of range (1..1024)"),
+    "accept-1025": (web(max_accept=1025), "vesk.web_input.max_accept = 1025 is out of range (1..1024)"),
+    "queued-0": (web(max_queued=0), "web_input.max_queued = 0 is out of range (1..100000)"),
+    "backlog-70000": (web(backlog=70000), "web_input.backlog = 70000 is out of range (1..65535)"),
+    "stalled-text": (keys(end_stalled_tasks="yes"), "vesk.end_stalled_tasks must be true or false"),
+    "stalled-no-tmout": (keys(end_stalled_tasks=True, task_tmout_ms=0), "vesk.task_tmout_ms must be at least 1"),
+    "admin-string": (keys(admin_input="lo:8080"), "vesk.admin_input must be a listener group or a list of them"),
+    "admin-empty": (keys(admin_input=[]), "failed to load admin listener(s) of vesk.admin_input"),
+    "admin-port-0": (keys(admin_input={"ifc": "lo", "port": 0}), "invalid port value: [0]"),
+    "admin-queued-0": (keys(admin_input={"ifc": "lo", "port": 8080, "max_queued": 0}),
+                       "admin_input.max_queued = 0 is out of range (1..100000)"),
+    "admin-second-bad": (keys(admin_input=[{"ifc": "lo", "port": 8080}, {"ifc": "lo", "port": 70000}]),
+                         "invalid port value: [70000]"),
+    # A bad entry in an access list: the same message from a configuration check (-t).
+    "clients-bits": (keys(allow_clients=["10.0.0.0/8", "10.1.0.0/8"]), "vesk.allow_clients: bad entry "
+                     "[10.1.0.0/8]: address has bits set past the prefix length"),
+    "clients-name": (keys(allow_clients=["localhost"]),
+                     "vesk.allow_clients: bad entry [localhost]: not an IPv4 or IPv6 address"),
+    "sources-label": (keys(allow_sources=["a..example.com"]),
+                      "vesk.allow_sources: bad entry [a..example.com]: host name has an empty label"),
+    "sources-v4-33": (keys(allow_sources=["10.0.0.0/33"]),
+                      "vesk.allow_sources: bad entry [10.0.0.0/33]: prefix length above 32"),
+    "deny-v6-129": (keys(deny_sources=["fe80::/129"]),
+                    "vesk.deny_sources: bad entry [fe80::/129]: prefix length above 128"),
+    "deny-not-list": (keys(deny_sources="169.254.0.0/16"), "vesk.deny_sources must be a list of strings"),
+    "deny-not-text": (keys(deny_sources=[16]), "vesk.deny_sources: entry 1 is not a string"),
+}
+
+
+@pytest.mark.parametrize("case", BAD_CONFIG)
+def test_config_errors_exit_1(tmp_path, case):
+    """Nothing of the run-time is touched: no log file, no pid file."""
+    change, text = BAD_CONFIG[case]
+    for args in ((), ("-t",)) if case.startswith(("clients-", "sources-", "deny-")) else ((),):
+        assert text in refused_config(tmp_path, change, *args), args
 
 
 def test_cpu_pinning(agents):
@@ -98,6 +106,14 @@ def test_cpu_pinning(agents):
 
     free = agents("free").start("-P", "-5")
     assert "processor affinity" not in free.log() and "\tCPU:" not in dump_of(free.log())
+
+    # A CPU that is not there fails the set-up in the foreground: status 1.
+    bad = agents("bad").start("-P", "1024", wait_for=None)
+    assert bad.wait_exit() == 1
+    log, pid = bad.log(), bad.proc.pid
+    assert f"Failed to pin this vsk(pid={pid}) to CPU1024\n" in log and "STARTING" not in log
+    assert "runtime_setup: FAILED (rc=-1)\n" in log
+    assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
 
 
 def test_config_dump_defaults(agent):
@@ -255,15 +271,6 @@ def test_non_root_user_always_runs_in_the_foreground(agent):
         assert not (work / "vsk.pid").exists()
     finally:
         shutil.rmtree(work, ignore_errors=True)
-
-
-def test_failed_setup_in_foreground_exits_1(agent):
-    agent.start("-P", "1024", wait_for=None)
-    assert agent.wait_exit() == 1
-    log, pid = agent.log(), agent.proc.pid
-    assert f"Failed to pin this vsk(pid={pid}) to CPU1024\n" in log and "STARTING" not in log
-    assert "runtime_setup: FAILED (rc=-1)\n" in log
-    assert re.search(rf" EXIT\(1\)\. PID={pid}\n$", log), log[-500:]
 
 
 # Batched writes change when records reach the output, never which ones or in what order.

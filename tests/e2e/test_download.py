@@ -1,89 +1,21 @@
 """Downloads over HTTP as a client sees them: the answer, the stored file, the registry entry, and
 nothing left behind (no unfinished file, no descriptor) when a request or its source goes wrong."""
-import hashlib
 import os
 import re
 import resource
+import signal
 import socket
-import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-from conftest import free_port
-from peers import Route
+from conftest import (AGENT_TAG, OLD_EXPIRY, Scrape, ask, curl, digest, dl_path, files_under, free_port,
+                      read_all, registered, request, zrange)
+from peers import BadSource, Route
 
-AGENT_TAG = "vsk/0.2-0.7 (torbella)"
-OLD_EXPIRY = 1700000001  # long past: fine for a download, refused by the registry script
 MiB = 1048576
 BODY = bytes(range(256)) * 40  # 10240 bytes
-
-
-class Answer:
-    """What curl got: the status, the reason, the head lines and the body."""
-
-    def __init__(self, proc):
-        head, _, self.body = proc.stdout.partition(b"\r\n\r\n")
-        lines = head.decode("latin-1").split("\r\n")
-        m = re.match(r"HTTP/1\.1 (\d{3}) (.*)$", lines[0])
-        self.status, self.reason = (int(m.group(1)), m.group(2)) if m else (None, None)
-        self.headers = lines[1:]
-        self.text = f"Answer(rc={proc.returncode}, {head!r}, err={proc.stderr!r})"
-
-    def __repr__(self):
-        return self.text
-
-
-def curl(port, path):
-    """One request to the agent with curl; the path is sent as written (no dot-segment folding)."""
-    return Answer(subprocess.run(["curl", "-sS", "-i", "--path-as-is", "--max-time", "10",
-                                  f"http://127.0.0.1:{port}{path}"],
-                                 capture_output=True, timeout=15, stdin=subprocess.DEVNULL))
-
-
-def dl_path(src, dst, query=f"expiry={OLD_EXPIRY}"):
-    """The request path that asks for `src` to be stored as `dst`."""
-    return f"/src/{src}/dst/{dst}" + (f"?{query}" if query else "")
-
-
-def ask(agent, src, dst, query=f"expiry={OLD_EXPIRY}", expect=(200, "OK")):
-    """Asks the agent to store `src` as `dst` and checks the answer's status and reason."""
-    r = curl(agent.port, dl_path(src, dst, query))
-    assert (r.status, r.reason) == expect, r
-    return r
-
-
-def read_all(s):
-    """Everything received until the peer closed or reset the connection."""
-    data = b""
-    try:
-        while chunk := s.recv(65536):
-            data += chunk
-    except ConnectionResetError:
-        pass
-    return data
-
-
-def files_under(root: Path):
-    """Every regular file below `root`, as paths relative to it."""
-    return sorted(str(p.relative_to(root)) for p in root.rglob("*") if p.is_file())
-
-
-def digest(data: bytes):
-    return hashlib.sha256(data).hexdigest()
-
-
-def fd_count(pid):
-    return len(os.listdir(f"/proc/{pid}/fd"))
-
-
-def wait_fds(pid, expected, timeout=5):
-    """Waits for the process's descriptor count to come back to `expected`; returns the last count."""
-    deadline = time.monotonic() + timeout
-    while (n := fd_count(pid)) != expected and time.monotonic() < deadline:
-        time.sleep(0.05)
-    return n
 
 
 # ---- Successful downloads -----------------------------------------------------------------------
@@ -117,25 +49,12 @@ def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, sm
     assert f"created file for [{agent.data_dir}/live/big.ts-Vesk]" in log
 
 
-def test_request_head_in_pieces_with_a_body(agent, bad_source):
-    """The head is answered only once complete; a body behind it is dropped with a warning."""
-    agent.start()
-    bad_source.route("/p.ts", body=b"p" * 500)
-    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
-        s.sendall(f"GET {dl_path(bad_source.url('p.ts'), 'p.ts')} HTTP/1.1\r\n".encode())
-        agent.wait_for_log("need more data on URQ")
-        assert bad_source.requests == []
-        s.sendall(b"Host: x\r\nContent-Length: 9\r\n\r\nleftovers")
-        assert read_all(s).startswith(b"HTTP/1.1 200 OK\r\n")
-    agent.wait_for_log(r"downloaded: ")
-    assert re.search(r"\(WRN\).*request has tail data, dismissing the tail\n", agent.log())
-    assert (agent.data_dir / "p.ts").read_bytes() == b"p" * 500
-
-
-def test_request_head_never_completed_is_closed_unanswered(agent, bad_source):
+def test_request_head_in_pieces(agent, bad_source):
+    """A head that never completes is timed out unanswered, on the admin listener too; one that
+    completes in pieces is answered only then, and a body behind it is dropped with a warning."""
     agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
-    agent.start()
-    fds = fd_count(agent.proc.pid)
+    agent.with_admin().start()
+    fds = agent.fds()
     with socket.create_connection(("127.0.0.1", agent.port), timeout=0.5) as s:
         # Above the 32-byte low-water mark, but no line end: the head never completes.
         s.sendall(f"GET /src/{bad_source.url('t.ts')}/dst/t.ts".encode())
@@ -146,48 +65,30 @@ def test_request_head_never_completed_is_closed_unanswered(agent, bad_source):
         assert read_all(s) == b""
     assert re.search(r"urq_timeout: TIME-OUT URQ \[u\w+\]", agent.log())
     assert bad_source.requests == [] and files_under(agent.data_dir) == []
-    assert wait_fds(agent.proc.pid, fds) == fds
+    assert agent.wait_fds(fds) == fds
+    with socket.create_connection(("127.0.0.1", agent.admin), timeout=15) as s:
+        s.sendall(b"GET /metr")
+        assert s.recv(100) == b""
+    assert Scrape(agent)("vsk_requests_queued", type="admin", listener=f"lo:{agent.admin}") == 1
 
-
-def test_empty_destination_takes_the_source_path_and_trailing_slash_data_dir(agent, nginx):
-    agent.vesk["data_dir"] = str(agent.data_dir) + "/"
-    agent.start()
-    payload = os.urandom(5000)
-    nginx.put("live/deep/b.ts", payload)
-    ask(agent, nginx.url("live/deep/b.ts"), "")
+    bad_source.route("/p.ts", body=b"p" * 500)
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(f"GET {dl_path(bad_source.url('p.ts'), 'p.ts')} HTTP/1.1\r\n".encode())
+        agent.wait_for_log("need more data on URQ", count=2)
+        assert bad_source.requests == []
+        s.sendall(b"Host: x\r\nContent-Length: 9\r\n\r\nleftovers")
+        assert read_all(s).startswith(b"HTTP/1.1 200 OK\r\n")
     agent.wait_for_log(r"downloaded: ")
-    assert (agent.data_dir / "live/deep/b.ts").read_bytes() == payload
-    assert files_under(agent.data_dir) == ["live/deep/b.ts"]
-    # No doubled "/" where the configured directory already ends with one.
-    assert f"to [{agent.data_dir}/live/deep/b.ts]" in agent.log() and "//live" not in agent.log()
+    assert re.search(r"\(WRN\).*request has tail data, dismissing the tail\n", agent.log())
+    assert (agent.data_dir / "p.ts").read_bytes() == b"p" * 500
 
 
 # ---- Segment registry ---------------------------------------------------------------------------
 
-def lbdb_agent(agent, redis, prefix, port=None, **start):
-    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": port or redis.port, "sha1_dir": str(redis.sha1_dir)}
-    agent.vesk["local_url_prefix"] = prefix
-    return agent.start(**start)
-
-
-def zrange(redis, key):
-    """The registry's members of one segment as {url: score}."""
-    out = redis.cli("ZRANGE", key, 0, -1, "WITHSCORES").split()
-    return dict(zip(out[0::2], out[1::2]))
-
-
-def registered(redis, key, timeout=5):
-    """zrange() once the segment is there: registrations are sent after the download ends."""
-    deadline = time.monotonic() + timeout
-    while not (members := zrange(redis, key)) and time.monotonic() < deadline:
-        time.sleep(0.05)
-    return members
-
-
 def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis, nginx, bad_source):
     # Nothing listens on the prefix's port, so a local URL that were fetched would fail.
     prefix = f"http://127.0.0.1:{free_port()}/seg"
-    lbdb_agent(agent, redis, prefix + "/")
+    agent.with_registry(redis, prefix + "/").start()
     payload = os.urandom(70_000)
     nginx.put("live/c.ts", payload)
     expiry = int(time.time()) + 3600
@@ -219,6 +120,9 @@ def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis
      "read_sha_signature: fopen({sha1}/add_url.sha1,...) ERROR(2): No such file or directory\n", 1),
     ("script-flushed", "lbdb_connect: failed for 127.0.0.1:{port}\n", 2),
     ("redis-down", "lbdb_connect: redisConnectWithTimeout ERROR(1): Connection refused\n", 1),
+    # Accepts (the kernel does) and never answers: the start fails within the time-outs.
+    ("redis-paused", "check_script_exists: no answer within 400 ms, ERROR(1): Resource temporarily "
+                     "unavailable\n", 1),
 ])
 def test_registry_fault_fails_the_start(agent, redis, fault, reason, status):
     port = free_port() if fault == "redis-down" else redis.port
@@ -226,10 +130,19 @@ def test_registry_fault_fails_the_start(agent, redis, fault, reason, status):
         (redis.sha1_dir / "add_url.sha1").unlink()
     elif fault == "script-flushed":
         redis.cli("SCRIPT", "FLUSH")
-    lbdb_agent(agent, redis, "http://127.0.0.1:1/seg/", port, wait_for=None)
-    assert agent.wait_exit() == status
+    elif fault == "redis-paused":
+        redis.proc.send_signal(signal.SIGSTOP)
+    try:
+        t0 = time.monotonic()
+        agent.with_registry(redis, port=port, connect_tmout_ms=300, cmd_tmout_ms=400).start(wait_for=None)
+        assert agent.wait_exit(timeout=10) == status
+        assert time.monotonic() - t0 < 5
+    finally:
+        redis.proc.send_signal(signal.SIGCONT)
     log = agent.log()
     assert reason.format(sha1=redis.sha1_dir, port=port) in log, log[-3000:]
+    if fault == "redis-paused":
+        assert f"lbdb_connect: failed for 127.0.0.1:{port}\n" in log
     assert re.search(rf"init_vesk_ctx: failed to \[\?\], rc=-?{status}\n", log), log[-3000:]
     assert re.search(rf" EXIT\({status}\)\. PID={agent.proc.pid}\n$", log), log[-500:]
     assert "STARTING" not in log and "stop_listeners: 1 [user] listener(s) destroyed\n" in log
@@ -251,6 +164,7 @@ def test_request_failure_table(agent, bad_source, tmp_path):
     refused = [
         "/ping", "/PING/", "/favicon.ico", f"/live/a.ts/dst/a.ts?expiry={OLD_EXPIRY}",
         dl_path("ftp://127.0.0.1/x.ts", "a.ts"), dl_path("HTTP://127.0.0.1/x.ts", "a.ts"),
+        dl_path(src.replace("http:", "https:"), "a.ts"),  # no TLS
         dl_path(src, "../escape.ts"), dl_path(src, "live/../../escape.ts"),
         dl_path(src, "%2E%2E/escape.ts"), dl_path(src, "live/%2E%2E/%2E%2E/escape.ts"),
         dl_path(src, "%2F" + str(absolute).lstrip("/")),
@@ -273,9 +187,7 @@ def test_request_failure_table(agent, bad_source, tmp_path):
     assert not outside.exists() and not absolute.exists() and busy.read_bytes() == b"partial"
     assert files_under(agent.data_dir) == ["live/busy.ts-Vesk"]
     # HEAD is understood and silently dropped: the connection closes without a byte.
-    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
-        s.sendall(f"HEAD {dl_path(src, 'h.ts')} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
-        assert read_all(s) == b""
+    assert request(agent.port, f"HEAD {dl_path(src, 'h.ts')} HTTP/1.1\r\nHost: x\r\n\r\n".encode()) == b""
     agent.wait_for_log("nothing to do for HEAD request")
     assert bad_source.requests == []
 
@@ -315,6 +227,9 @@ SOURCE_CASES = {
     # The connect is non-blocking, so the refusal shows when the GET is sent: that failure is
     # answered 400, not the 500 of a task that could not be started at all.
     "connect_refused": (None, 400, "Bad request", False, "error sending HTTP request to fd="),
+    # A redirect is not followed: no source is asked twice.
+    "redirect_302": (dict(status="302 Found", headers=[("Location", "/s.ts")], content_length=0),
+                     302, "Moved Temporarily", False, "expected HTTP 2xx, got HTTP 302"),
 }
 
 
@@ -325,7 +240,7 @@ def test_source_failure_table(agent, bad_source, case):
     if variant:  # the body through the pipe instead of the map
         agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
     agent.start()
-    fds = fd_count(agent.proc.pid)
+    fds = agent.fds()
     if route is not None:
         bad_source.route("/s.ts", **route)
     ask(agent, bad_source.url("s.ts") if route else f"http://127.0.0.1:{free_port()}/s.ts", "live/s.ts",
@@ -336,10 +251,14 @@ def test_source_failure_table(agent, bad_source, case):
     assert files_under(agent.data_dir) == (["live/s.ts"] if kept else [])
     assert ("downloaded:" in agent.log()) == kept
     assert log_text.format(dst=agent.data_dir / "live/s.ts") in agent.log()
-    assert wait_fds(agent.proc.pid, fds) == fds
+    assert agent.wait_fds(fds) == fds
+    assert len(bad_source.requests) == (1 if route else 0), bad_source.requests
 
 
-def test_existing_destination_is_forbidden_and_kept(agent, bad_source):
+def test_destinations(agent, bad_source):
+    """An existing file is forbidden and kept; an empty destination takes the source's path, under
+    a data directory given with a trailing slash without a doubled "/"."""
+    agent.vesk["data_dir"] = str(agent.data_dir) + "/"
     agent.start()
     bad_source.route("/e.ts", body=b"new" * 100)
     existing = agent.data_dir / "live/e.ts"
@@ -351,13 +270,30 @@ def test_existing_destination_is_forbidden_and_kept(agent, bad_source):
     assert f"destination [{existing}] is BUSY (already there)" in agent.log()
     assert existing.read_bytes() == b"old contents" and files_under(agent.data_dir) == ["live/e.ts"]
 
+    bad_source.route("/live/deep/b.ts", body=b"b" * 5000)
+    ask(agent, bad_source.url("live/deep/b.ts"), "")
+    agent.wait_for_log(r"downloaded: ")
+    assert (agent.data_dir / "live/deep/b.ts").read_bytes() == b"b" * 5000
+    assert files_under(agent.data_dir) == ["live/deep/b.ts", "live/e.ts"]
+    assert f"to [{agent.data_dir}/live/deep/b.ts]" in agent.log() and "//live" not in agent.log()
+
 
 def test_source_receives_the_exact_get(agent, bad_source):
-    """Only the source's own path goes out: the request's query, expiry included, is the agent's."""
+    """Only the source's own path goes out: the request's query, expiry included, is the agent's;
+    a source on an IPv6 literal gets the literal in brackets as its Host."""
     agent.start()
+    v6 = BadSource("::1")
+    try:
+        v6.route("/v6.ts", body=b"6" * 500)
+        ask(agent, v6.url("v6.ts"), "v6.ts")
+        agent.wait_for_log(r"downloaded: ")
+    finally:
+        v6.stop()
+    assert v6.requests[0].startswith(f"GET /v6.ts HTTP/1.1\r\nHost: [::1]:{v6.port}\r\n".encode())
+    assert (agent.data_dir / "v6.ts").read_bytes() == b"6" * 500
     bad_source.route("/rec/r.ts", body=b"r" * 64)
     ask(agent, bad_source.url("rec/r.ts"), "r.ts", f"a=1&expiry={OLD_EXPIRY}")
-    agent.wait_for_log(r"downloaded: ")
+    agent.wait_for_log(r"downloaded: ", count=2)
     assert bad_source.requests == [(
         "GET /rec/r.ts HTTP/1.1\r\n"
         f"Host: 127.0.0.1:{bad_source.port}\r\n"
@@ -410,7 +346,7 @@ def test_thousand_concurrent_downloads(agent, nginx):
     assert m, agent.log()[-3000:]
     limits = re.search(r"^Max open files\s+(\d+)\s+(\d+)", Path(f"/proc/{pid}/limits").read_text(), re.M)
     assert limits.groups() == m.groups()
-    fds = fd_count(pid)
+    fds = agent.fds()
     # Every request is sent before any answer is read, so the downloads overlap.
     conns = {}
     for name in payloads:
@@ -426,4 +362,4 @@ def test_thousand_concurrent_downloads(agent, nginx):
     for name, data in payloads.items():
         assert digest((agent.data_dir / "burst" / name).read_bytes()) == digest(data), name
     assert files_under(agent.data_dir) == sorted(f"burst/{n}" for n in payloads)
-    assert wait_fds(pid, fds, timeout=10) == fds
+    assert agent.wait_fds(fds, timeout=10) == fds

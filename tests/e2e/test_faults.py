@@ -14,9 +14,8 @@ import time
 
 import pytest
 
-from conftest import free_port, render_config, run_vsk
-from test_daemon import PING, ping, wait_until
-from test_download import BODY, ask, curl, dl_path, fd_count, files_under, wait_fds
+from conftest import Scrape, ask, curl, dl_path, files_under, ping, request, wait_scrape, wait_until
+from test_download import BODY
 
 KiB = 1024
 LOG_LINES_MAX = 300  # what one fault may add to the log at debug level
@@ -40,28 +39,15 @@ def assert_answers(agent):
     assert head.startswith(b"HTTP/1.1 204 "), head
 
 
-def assert_quits_within(agent, seconds=2.0):
-    """SIGTERM ends the agent with status 0 within `seconds`."""
-    t0 = time.monotonic()
-    agent.proc.send_signal(signal.SIGTERM)
-    try:
-        rc = agent.proc.wait(timeout=seconds)
-    except subprocess.TimeoutExpired:
-        raise AssertionError(f"no exit {seconds}s after SIGTERM\n{agent.log()[-2000:]}")
-    agent.returncode = rc
-    agent._stderr.close()
-    assert rc == 0, agent.log()[-2000:]
-    assert time.monotonic() - t0 < seconds
-
-
-def no_unfinished(root):
-    return [f for f in files_under(root) if f.endswith("-Vesk")]
-
-
-def files_settle(root, expected):
-    """Waits for the files under `root` to be `expected`: a task logs its end before it removes
-    its unfinished file."""
-    wait_until(f"files {expected}", lambda: sorted(files_under(root)) == expected, timeout=5)
+def settles(agent, idle, lines, root=None, files=()):
+    """What an operator checks after the fault: only the files expected (a task logs its end
+    before it removes its unfinished file), idle descriptors, a bounded log, an answer to GET /,
+    and a quick exit on SIGTERM."""
+    wait_until(f"files {files}", lambda: files_under(root or agent.data_dir) == sorted(files), timeout=5)
+    assert agent.wait_fds(idle) == idle
+    assert log_lines(agent) - lines < LOG_LINES_MAX
+    assert_answers(agent)
+    agent.quit_within()
 
 
 def cpu_seconds(pid):
@@ -107,24 +93,6 @@ def fill(path, leave=0):
 
 
 @needs_tmpfs
-def test_disk_already_full_fails_the_download_cleanly(agent, nginx):
-    nginx.put("full.ts", BODY * 4)  # the head and its body arrive together, as a small file does
-    data = start_on_tmpfs(agent, 256 * KiB)
-    fill(data / "filler")
-    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
-    for i in range(3):
-        ask(agent, nginx.url("full.ts"), f"d/full{i}.ts", expect=(500, "Service error"))
-    agent.wait_for_log(r"TASK-END ", count=3)
-    assert_answers(agent)
-    log = agent.log()
-    assert "posix_fallocate(" in log and "ERROR(28): No space left on device" in log
-    files_settle(data, ["filler"])
-    assert wait_fds(agent.proc.pid, idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    assert_quits_within(agent)
-
-
-@needs_tmpfs
 @pytest.mark.parametrize("splice", [False, True], ids=["mapped", "spliced"])
 def test_disk_filling_during_a_download(agent, bad_source, splice):
     if splice:
@@ -133,20 +101,20 @@ def test_disk_filling_during_a_download(agent, bad_source, splice):
     bad_source.route("/slow.ts", body=body, body_cut=10 * KiB, after_cut="resume", stall_timeout=1.5)
     bad_source.route("/late.ts", body=body)
     data = start_on_tmpfs(agent, 512 * KiB)
-    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
+    idle, lines = agent.fds(), log_lines(agent)
     ask(agent, bad_source.url("slow.ts"), "slow.ts")
     # The body is paused at 10 KiB: the disk fills up under the running download.
     fill(data / "filler")
     assert_answers(agent)
     agent.wait_for_log(r"downloaded: 102400 bytes")
     assert (data / "slow.ts").read_bytes() == body
-    # The next one finds no room and is refused without a trace on the disk.
-    ask(agent, bad_source.url("late.ts"), "late.ts", expect=(500, "Service error"))
-    agent.wait_for_log(r"TASK-END ", count=2)
-    files_settle(data, ["filler", "slow.ts"])
-    assert wait_fds(agent.proc.pid, idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    assert_quits_within(agent)
+    # The next ones find no room and are refused without a trace on the disk.
+    for i in range(3):
+        ask(agent, bad_source.url("late.ts"), f"d/late{i}.ts", expect=(500, "Service error"))
+    agent.wait_for_log(r"TASK-END ", count=4)
+    assert "ERROR(28): No space left on device" in agent.log()
+    assert splice or "posix_fallocate(" in agent.log()
+    settles(agent, idle, lines, data, ["filler", "slow.ts"])
 
 
 @pytest.mark.parametrize("mmap_mb", [1, 0], ids=["mapped", "written"])
@@ -155,14 +123,11 @@ def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
     agent.vesk["max_mmap_mb"] = mmap_mb
     agent.start()
     subprocess.run(["prlimit", f"--pid={agent.proc.pid}", f"--fsize={64 * KiB}"], check=True)
-    idle = fd_count(agent.proc.pid)
+    idle, lines = agent.fds(), log_lines(agent)
     ask(agent, nginx.url("big.ts"), "big.ts", expect=(500, "Service error"))
     agent.wait_for_log(r"TASK-END ")
     assert "ERROR(27): File too large" in agent.log()
-    files_settle(agent.data_dir, [])
-    assert_answers(agent)
-    assert wait_fds(agent.proc.pid, idle) == idle
-    assert_quits_within(agent)
+    settles(agent, idle, lines)
 
 
 # ---- Stalled sources ----------------------------------------------------------------------------
@@ -198,7 +163,7 @@ def test_stalled_tasks_end(agent, bad_source, nginx, case):
     nginx.put("ok.ts", BODY)
     agent.vesk.update(end_stalled_tasks=True, task_tmout_ms=400, max_tasks=1)
     agent.start()
-    idle, lines = fd_count(agent.proc.pid), log_lines(agent)
+    idle, lines = agent.fds(), log_lines(agent)
     try:
         answers = []
         t = threading.Thread(target=lambda: answers.append(curl(agent.port, dl_path(url, "s.ts"))))
@@ -214,15 +179,13 @@ def test_stalled_tasks_end(agent, bad_source, nginx, case):
         if held:
             for s in held:
                 s.close()
-    files_settle(agent.data_dir, [])
+    wait_until("no file", lambda: files_under(agent.data_dir) == [], timeout=5)
     # The slot is free again.
     ask(agent, nginx.url("ok.ts"), "ok.ts")
     # The answer goes out with the head; the file is in place once the body is.
     agent.wait_for_log(r"downloaded: \d+ bytes, \[[^]]*ok\.ts\]")
     assert (agent.data_dir / "ok.ts").read_bytes() == BODY
-    assert wait_fds(agent.proc.pid, idle) == idle
-    assert log_lines(agent) - lines < LOG_LINES_MAX
-    assert_quits_within(agent)
+    settles(agent, idle, lines, files=["ok.ts"])
 
 
 def test_sigterm_while_a_source_is_silent(agent, bad_source):
@@ -234,7 +197,7 @@ def test_sigterm_while_a_source_is_silent(agent, bad_source):
     t.start()
     agent.wait_for_log(r"TASK-START ")
     assert_answers(agent)
-    assert_quits_within(agent)
+    agent.quit_within()
     t.join(timeout=5)
     assert answers and answers[0].status == 500, answers
     assert files_under(agent.data_dir) == []
@@ -251,7 +214,7 @@ def test_out_of_descriptors_backs_off(agent, end):
     agent.vesk["urq_tmout_sec"] = 60  # idle clients keep their descriptors for the whole test
     agent.start()
     pid = agent.proc.pid
-    idle = fd_count(pid)
+    idle = agent.fds()
     subprocess.run(["prlimit", f"--pid={pid}", f"--nofile={idle + 3}"], check=True)
     holders = connect_idle(agent.port, 3)
     agent.wait_for_log(r"Accepted .* request", count=3)
@@ -269,60 +232,38 @@ def test_out_of_descriptors_backs_off(agent, end):
     assert 1 <= warnings <= 4, log[-3000:]
     assert log_lines(agent) - lines < LOG_LINES_MAX
     if end == "sigterm":
-        assert_quits_within(agent)
+        agent.quit_within()
     for s in holders + waiting:
         s.close()
     pinger.join(timeout=10)
     if end == "recovers":
         # Once descriptors are free, what waited is served.
         assert pinged and pinged[0].startswith(b"HTTP/1.1 204 "), pinged
-        assert_answers(agent)
         assert " such errors suppressed)" in agent.log()
-        assert wait_fds(pid, idle) == idle
-        assert_quits_within(agent)
+        settles(agent, idle, lines)
 
 
 def test_full_listener_answers_503(agent):
     agent.vesk["urq_tmout_sec"] = 60
-    agent.vesk["web_input"][0]["max_queued"] = 3
-    agent.start()
-    idle = fd_count(agent.proc.pid)
+    agent.vesk["web_input"][0].update(max_queued=3, alias="web-lo")
+    agent.with_admin().start()
+    idle = agent.fds()
     holders = connect_idle(agent.port, 3)
     agent.wait_for_log(r"Accepted .* request", count=3)
+    wait_scrape(agent, lambda s: s("vsk_requests_queued", type="user", listener="web-lo") == 3)
     for _ in range(2):
-        with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
-            s.sendall(PING)
-            head = b""
-            while chunk := s.recv(4096):
-                head += chunk
+        head = request(agent.port)
         assert head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n"), head
         assert b"\r\nRetry-After: 1\r\n" in head, head
-    for s in holders:
-        s.close()
-    wait_until("the idle clients to go", lambda: fd_count(agent.proc.pid) == idle)
-    assert_answers(agent)
-    assert_quits_within(agent)
-
-
-# ---- Configuration ------------------------------------------------------------------------------
-
-@pytest.mark.parametrize("change, text", [
-    (lambda v: v["web_input"].update(max_accept=0), "vesk.web_input.max_accept = 0 is out of range (1..1024)"),
-    (lambda v: v["web_input"].update(max_accept=-5), "vesk.web_input.max_accept = -5 is out of range (1..1024)"),
-    (lambda v: v["web_input"].update(max_accept=1025), "vesk.web_input.max_accept = 1025 is out of range (1..1024)"),
-    (lambda v: v["web_input"].update(max_queued=0), "web_input.max_queued = 0 is out of range (1..100000)"),
-    (lambda v: v["web_input"].update(backlog=70000), "web_input.backlog = 70000 is out of range (1..65535)"),
-    (lambda v: v.update(end_stalled_tasks="yes"), "vesk.end_stalled_tasks must be true or false"),
-    (lambda v: v.update(end_stalled_tasks=True, task_tmout_ms=0), "vesk.task_tmout_ms must be at least 1"),
-], ids=["accept-0", "accept-neg", "accept-1025", "queued-0", "backlog-70000", "stalled-text", "stalled-no-tmout"])
-def test_bad_fault_settings_are_refused(tmp_path, change, text):
-    vesk = {"log": {"file": str(tmp_path / "vsk.log"), "level": "info", "enable_syslog": False},
-            "runtime": {"non_daemon": True, "pidfile": str(tmp_path / "vsk.pid")},
-            "web_input": {"ifc": "lo", "port": free_port()}, "data_dir": str(tmp_path)}
-    change(vesk)
-    (tmp_path / "vsk.conf").write_text(render_config(vesk))
-    r = run_vsk("-C", tmp_path / "vsk.conf")
-    assert r.returncode == 1 and text in r.stderr, r.stderr
+    # Refusals are counted per listener, and never reach a request object: no answer of the
+    # download path counts them.
+    s = Scrape(agent)
+    assert s("vsk_requests_refused_total", type="user", listener="web-lo") == 2
+    assert s("vsk_requests_refused_total", type="admin", listener=f"lo:{agent.admin}") == 0
+    assert s.family("vsk_http_answers_total") == {}
+    for c in holders:
+        c.close()
+    settles(agent, idle, log_lines(agent))
 
 
 # ---- The quit signal ----------------------------------------------------------------------------
@@ -395,14 +336,6 @@ def test_quit_signal_before_an_unbounded_wait_is_not_lost(agent, wait_shim, sig)
     # Right after the answer the loop goes back to a wait without time-out; the signal comes while
     # the shim holds it on the way there.
     wait_until("an unbounded wait", lambda: waits() > before)
-    t0 = time.monotonic()
-    agent.proc.send_signal(sig)
-    try:
-        rc = agent.proc.wait(timeout=2)
-    except subprocess.TimeoutExpired:
-        raise AssertionError(f"quit signal lost\n{agent.log()[-1500:]}")
-    agent.returncode = rc
-    agent._stderr.close()
-    assert rc == 0 and time.monotonic() - t0 < 2
+    agent.quit_within(2, sig)
     log = agent.log()
     assert f"QUIT-SIG({int(sig)})\n" in log and "rqs_wait interrupted, quit=1\n" in log

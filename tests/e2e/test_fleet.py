@@ -4,16 +4,12 @@ as a multicast group would. Each order is fetched once while Redis answers; whil
 orders are taken anyway (fail-open) and nothing goes missing."""
 import re
 import signal
-import socket
 import time
 
 import pytest
 
-from conftest import free_port
-from peers import Nginx, udp_send
-from test_daemon import ping
-from test_download import zrange
-from test_udp import order, wait_until
+from conftest import free_port, order, ping, wait_until, zrange
+from peers import Nginx
 
 PREFIX = "vsk:lock:"
 # Downloads held open by the source's rate limit, so that a lock is still held when the same order
@@ -34,14 +30,8 @@ def fleet(agents, redis, n=3, **lbdb):
     """Agents with locks in `redis`; each registers its files under a URL of its own."""
     made = []
     for i in range(n):
-        a = agents(f"f{i}")
-        a.udp = free_port(kind=socket.SOCK_DGRAM)
-        a.vesk["udp_input"] = {"url": f"udp://127.0.0.1:{a.udp}", "lock_dir": str(a.lock_dir),
-                               "lock_backend": "redis"}
-        a.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port,
-                          "sha1_dir": str(redis.sha1_dir), **lbdb}
-        a.vesk["local_url_prefix"] = f"http://127.0.0.1:{a.port}/data/"
-        made.append(a.start())
+        a = agents(f"f{i}").with_channel(lock_backend="redis")
+        made.append(a.with_registry(redis, f"http://127.0.0.1:{a.port}/data/", **lbdb).start())
     for a in made:
         a.wait_for_log(r"lbdb_link: link to .* ready")
         a.wait_for_log(r"udl_ctx_start: request locks in Redis as \[[^]:]+:\d+\], keys \[vsk:lock:<lock id>\]")
@@ -60,7 +50,7 @@ def fan_out(agents, nginx, names):
     for n in names:
         msg = order(f"o-{n}", f"http://127.0.0.1:1/src/{nginx.url('seg/' + n)}/dst/seg/{n}", "600")
         for a in agents:
-            udp_send("127.0.0.1", a.udp, msg)
+            a.send(msg)
         time.sleep(0.002)  # a sender's pace; the receive buffers need not hold the whole burst
 
 
@@ -174,7 +164,7 @@ def test_long_download_renews_its_lock_and_leaves_another_owner_alone(agents, re
     wait_until("own lock released", lambda: redis.cli("EXISTS", PREFIX + "o-keep.ts").strip() == "0")
     assert redis.cli("GET", PREFIX + "o-lost.ts").strip() == "other-host:1"
     # Lock ids keep the rule of lock files: a "/" is refused.
-    udp_send("127.0.0.1", a.udp, order("a/b0", f"http://127.0.0.1:1/src/{slow_nginx.url('seg/keep.ts')}/dst/x.ts"))
+    a.send(order("a/b0", f"http://127.0.0.1:1/src/{slow_nginx.url('seg/keep.ts')}/dst/x.ts"))
     a.wait_for_log(r"udl_lock: invalid lock id \[a/b0\]")
     a.wait_for_log(r"udl_accept: \[a/b0\] request failed; url=\[")
     assert not (a.data_dir / "x.ts").exists() and lock_keys(redis) == [PREFIX + "o-lost.ts"]

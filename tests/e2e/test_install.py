@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import PANIC_RE, SOURCE_DIR, VSK_BIN, free_port
+from conftest import PANIC_RE, SOURCE_DIR, VSK_BIN, free_port, wait_until
 
 # A release tree of its own, kept between runs so that only changed files are rebuilt.
 PKG_DIR = Path(os.environ.get("VSK_PKG_DIR", SOURCE_DIR / "build/pkgtest"))
@@ -167,16 +167,6 @@ def relocate(text, root, port, redis_port=None, prefix=None):
     return text
 
 
-def wait_for(what, check, timeout=10):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        got = check()
-        if got:
-            return got
-        time.sleep(0.05)
-    raise AssertionError(f"timed out waiting for {what}")
-
-
 @pytest.mark.parametrize("with_registry", [False, True], ids=["plain", "registry"])
 def test_unpacked_agent_downloads(unpacked, nginx, redis, with_registry):
     root = unpacked
@@ -204,16 +194,16 @@ def test_unpacked_agent_downloads(unpacked, nginx, redis, with_registry):
     proc = subprocess.Popen([str(root / "usr/sbin/vsk"), "-C", str(conf)], cwd=root,
                             stdout=subprocess.DEVNULL, stderr=stderr)
     try:
-        wait_for("STARTING in the log", lambda: "STARTING" in (log_path.read_text() if log_path.exists() else ""))
+        wait_until("STARTING in the log", lambda: "STARTING" in (log_path.read_text() if log_path.exists() else ""))
         expiry = int(time.time()) + 3600
         ans = subprocess.run(["curl", "-sS", "-o", "/dev/null", "-w", "%{http_code}", "--max-time", "10",
                               f"http://127.0.0.1:{port}/src/{nginx.url('live/a.ts')}/dst/live/a.ts?expiry={expiry}"],
                              capture_output=True, text=True, timeout=15)
         assert ans.stdout == "200", (ans.stdout, ans.stderr)
         final = root / "var/lib/vsk/data/live/a.ts"
-        wait_for("the finished file", lambda: final.exists() and final.read_bytes() == body)
+        wait_until("the finished file", lambda: final.exists() and final.read_bytes() == body)
         if with_registry:
-            got = wait_for("the registration", lambda: redis.cli("ZRANGE", "live/a.ts", 0, -1, "WITHSCORES").split())
+            got = wait_until("the registration", lambda: redis.cli("ZRANGE", "live/a.ts", 0, -1, "WITHSCORES").split())
             assert got == [f"{prefix}/live/a.ts", str(expiry)]
         proc.send_signal(signal.SIGTERM)
         assert proc.wait(timeout=10) == 0

@@ -2,91 +2,33 @@
 the metrics client's own exposition parser while real downloads, failures and answers happen,
 /status parsed as JSON, 404 for every other path, and web listeners that answer as before."""
 import json
-import re
 import resource
 import socket
 import time
 
 import pytest
-from prometheus_client.parser import text_string_to_metric_families
 
-from conftest import free_port, render_config, run_vsk
-from test_download import BODY, WHOLE_HEAD, ask, curl, registered
-from test_udp import order, send, with_channel
-
-FAR = 4000000000  # an absolute expiry far ahead: accepted by the registry script
+from conftest import (FAR, Scrape, admin_get, ask, curl, dl_url, free_port, order, registered,
+                      request, wait_scrape)
+from test_download import BODY, WHOLE_HEAD
 
 
-def admin_on(agent):
-    agent.admin = free_port()
-    agent.vesk["admin_input"] = {"ifc": "lo", "port": agent.admin, "default_af": "ipv4"}
-    return agent
+def status(agent):
+    lines, body = admin_get(agent, "/status")
+    assert "Content-Type: application/json" in lines
+    return json.loads(body)
 
 
-def get(port, request, source=None):
-    """Sends one raw request (from the loopback address `source` when given); returns (status,
-    head lines, body) once the agent closed."""
-    with socket.create_connection(("127.0.0.1", port), timeout=5,
-                                  source_address=(source, 0) if source else None) as s:
-        s.sendall(request)
-        data = b""
-        while chunk := s.recv(65536):
-            data += chunk
-    head, _, body = data.partition(b"\r\n\r\n")
-    lines = head.decode("latin-1").split("\r\n")
-    m = re.match(r"HTTP/1\.1 (\d{3}) ", lines[0])
-    return (int(m.group(1)) if m else None), lines[1:], body
-
-
-def fetch(agent, path):
-    status, lines, body = get(agent.admin, f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode(),
-                              getattr(agent, "scrape_from", None))
-    assert status == 200, (path, status, lines)
-    length = [int(x.split(":")[1]) for x in lines if x.lower().startswith("content-length:")]
-    assert length == [len(body)], (lines, len(body))
-    return lines, body
-
-
-class Scrape:
-    """One /metrics scrape: samples by name and labels, and the type of each family."""
-
-    def __init__(self, agent):
-        lines, body = fetch(agent, "/metrics")
-        assert "Content-Type: text/plain; version=0.0.4; charset=utf-8" in lines
-        self.samples, self.types = {}, {}
-        for fam in text_string_to_metric_families(body.decode()):
-            self.types[fam.name] = fam.type
-            for s in fam.samples:
-                self.samples[(s.name, tuple(sorted(s.labels.items())))] = s.value
-
-    def __call__(self, name, **labels):
-        return self.samples.get((name, tuple(sorted(labels.items()))), 0)
-
-    def family(self, name):
-        return {dict(k[1]).get("outcome") or dict(k[1]).get("result") or dict(k[1]).get("code"): v
-                for k, v in self.samples.items() if k[0] == name}
+def code_of(answer):
+    return int(answer[9:12]) if answer.startswith(b"HTTP/1.1 ") else None
 
 
 def delta(before, after, name, key):
     return after.family(name).get(key, 0) - before.family(name).get(key, 0)
 
 
-def wait_scrape(agent, check, timeout=10):
-    deadline = time.monotonic() + timeout
-    while not check(s := Scrape(agent)):
-        assert time.monotonic() < deadline, f"metrics never got there:\n{s.samples}"
-        time.sleep(0.05)
-    return s
-
-
-def status(agent):
-    lines, body = fetch(agent, "/status")
-    assert "Content-Type: application/json" in lines
-    return json.loads(body)
-
-
 def test_counters_follow_downloads_failures_and_answers(agent, nginx, bad_source):
-    admin_on(agent).start()
+    agent.with_admin().start()
     before = Scrape(agent)
     assert before("vsk_build_info", version="0.2-0.7", family="torbella") == 1
     assert abs(before("vsk_start_time_seconds") - time.time()) < 60
@@ -130,21 +72,11 @@ def test_counters_follow_downloads_failures_and_answers(agent, nginx, bad_source
     assert after("vsk_open_fds") == before("vsk_open_fds")
 
 
-def test_source_address_refused_after_the_look_up_ends_as_denied(agent, nginx):
-    nginx.put("seg/r.ts", BODY)
-    agent.vesk["allow_sources"] = ["localhost", "10.0.0.0/8"]
-    admin_on(agent).start()
-    ask(agent, f"http://localhost:{nginx.port}/seg/r.ts", "out/r.ts", expect=(403, "Forbidden"))
-    s = wait_scrape(agent, lambda s: s("vsk_tasks_ended_total", outcome="source_denied") == 1)
-    assert s("vsk_tasks_started_total") == 1 and s("vsk_tasks_active") == 0
-    assert s.family("vsk_http_answers_total") == {"403": 1}
-
-
 def test_status_and_metrics_during_a_download_that_stalls(agent, bad_source):
     body = BODY * 4
     bad_source.route("/slow.ts", body=body, body_cut=5000, after_cut="stall", stall_timeout=4)
     agent.vesk.update(end_stalled_tasks=True, task_tmout_ms=1500)
-    admin_on(agent).start()
+    agent.with_admin().start()
     ask(agent, bad_source.url("slow.ts"), "live/slow.ts")
 
     during = wait_scrape(agent, lambda s: s("vsk_downloaded_bytes_total") == 5000)
@@ -169,45 +101,25 @@ def test_status_and_metrics_during_a_download_that_stalls(agent, bad_source):
 def test_channel_orders_are_counted_by_result(agent, nginx, bad_source):
     nginx.put("live/u.ts", BODY)
     bad_source.route("/hold.ts", body=BODY, body_cut=10, after_cut="stall", stall_timeout=3)
-    admin_on(with_channel(agent)).start()
-    send(agent, order("lk01", f"http://127.0.0.1:{agent.port}/src/{nginx.url('live/u.ts')}/dst/live/u.ts"),
-         r"downloaded: ")
-    send(agent, order("lk02", f"http://127.0.0.1:{agent.port}/src/{bad_source.url('hold.ts')}/dst/live/h.ts"),
-         r"TASK-START ")
-    send(agent, order("lk02", f"http://127.0.0.1:{agent.port}/src/{bad_source.url('hold.ts')}/dst/live/h.ts"),
-         r"already engaged")
-    send(agent, [b"#?" + b"y" * 40, b"#!abcd http://x/y 1"], r"invalid message", count=2)
+    agent.with_channel().with_admin().start()
+    agent.send(order("lk01", dl_url(agent, nginx.url("live/u.ts"), "live/u.ts")), r"downloaded: ")
+    hold = order("lk02", dl_url(agent, bad_source.url("hold.ts"), "live/h.ts"))
+    agent.send(hold, r"TASK-START ")
+    agent.send(hold, r"already engaged")
+    agent.send([b"#?" + b"y" * 40, b"#!abcd http://x/y 1"], r"invalid message", count=2)
     s = wait_scrape(agent, lambda s: sum(s.family("vsk_udp_orders_total").values()) == 5)
     assert s.family("vsk_udp_orders_total") == {"started": 2, "locked": 1, "malformed": 2,
                                                  "local": 0, "refused": 0, "denied": 0, "error": 0}
     assert s("vsk_tasks_active") == 1
 
 
-def test_allowed_clients_hold_for_the_admin_listener_and_denied_datagrams_count(agent, nginx):
-    with_channel(agent)
-    agent.vesk["allow_clients"] = ["127.0.0.2/32"]
-    agent.scrape_from = "127.0.0.2"
-    admin_on(agent).start()
-    msg = order("lk0001", f"http://127.0.0.1:{agent.port}/src/{nginx.url('u.ts')}/dst/u.ts")
-    send(agent, msg, r"datagram from 127\.0\.0\.1:\d+ refused")
-    s = wait_scrape(agent, lambda s: s("vsk_udp_orders_total", result="denied") == 1)
-    assert sum(s.family("vsk_udp_orders_total").values()) == 1
-    # A scraper outside the list is closed unanswered, as a web client would be.
-    try:
-        answer = get(agent.admin, b"GET /metrics HTTP/1.1\r\n\r\n")[0]
-    except ConnectionResetError:  # closed with the request unread
-        answer = None
-    assert answer is None
-
-
-def test_registrations_and_the_registry_link(agent, nginx, redis):
-    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port, "sha1_dir": str(redis.sha1_dir)}
-    agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
-    admin_on(agent).start()
+def test_registrations_the_registry_link_and_orders_without_a_fleet_lock(agent, nginx, redis):
+    for n in ("r1.ts", "r2.ts", "l1.ts", "l2.ts"):
+        nginx.put(f"live/{n}", BODY)
+    agent.with_registry(redis).with_channel(lock_backend="redis").with_admin().start()
+    agent.wait_for_log(r"udl_ctx_start: request locks in Redis as")
     agent.wait_for_log("lbdb_link: link to .* ready")
     assert Scrape(agent)("vsk_registry_link_up") == 1
-    nginx.put("live/r1.ts", BODY)
-    nginx.put("live/r2.ts", BODY)
     ask(agent, nginx.url("live/r1.ts"), "live/r1.ts", f"expiry={FAR}")
     assert registered(redis, "live/r1.ts")
     # A registration whose expiry lies in the past is refused by the registry's script.
@@ -215,29 +127,14 @@ def test_registrations_and_the_registry_link(agent, nginx, redis):
     s = wait_scrape(agent, lambda s: s("vsk_registrations_total", result="failed") == 1)
     assert s.family("vsk_registrations_total") == {"ok": 1, "failed": 1, "dropped": 0}
     assert s("vsk_registrations_pending") == 0
-    st = status(agent)
-    assert st["registry"] == {"configured": True, "link_up": True, "pending": 0}
-    redis.stop()
-    wait_scrape(agent, lambda s: s("vsk_registry_link_up") == 0)
-
-
-def test_orders_taken_without_a_fleet_lock_are_counted(agent, nginx, redis):
-    for n in ("l1.ts", "l2.ts"):
-        nginx.put(f"seg/{n}", BODY)
-    with_channel(agent, lock_backend="redis")
-    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port, "sha1_dir": str(redis.sha1_dir)}
-    agent.vesk["local_url_prefix"] = "http://127.0.0.1:1/seg/"
-    admin_on(agent).start()
-    agent.wait_for_log(r"udl_ctx_start: request locks in Redis as")
-    agent.wait_for_log(r"lbdb_link: link to .* ready")
-
-    def url(n):
-        return f"http://127.0.0.1:{agent.port}/src/{nginx.url('seg/' + n)}/dst/seg/{n}"
-    send(agent, order("lk0001", url("l1.ts")), r"downloaded: ")
+    assert status(agent)["registry"] == {"configured": True, "link_up": True, "pending": 0}
+    agent.send(order("lk0001", dl_url(agent, nginx.url("live/l1.ts"), "live/l1.ts")),
+               r"downloaded: .*l1\.ts")
     assert Scrape(agent)("vsk_udp_lock_failopen_total") == 0
+    # Without the registry an order is taken without a fleet lock, and counted.
     redis.stop()
     wait_scrape(agent, lambda s: s("vsk_registry_link_up") == 0)
-    send(agent, order("lk0002", url("l2.ts")), r"order taken anyway")
+    agent.send(order("lk0002", dl_url(agent, nginx.url("live/l2.ts"), "live/l2.ts")), r"order taken anyway")
     s = wait_scrape(agent, lambda s: s("vsk_udp_orders_total", result="started") == 2)
     assert s("vsk_udp_lock_failopen_total") == 1
 
@@ -257,17 +154,17 @@ WEB_PATHS = [b"/", b"/metrics", b"/status", b"/ping", b"/src/ftp://h/a.ts/dst/a.
 
 
 def test_admin_answers_only_its_two_paths_and_web_listeners_are_unchanged(agents, tmp_path):
-    on = admin_on(agents("on")).start()
+    on = agents("on").with_admin().start()
     off = agents("off").start()
-    for request, code in ADMIN_CASES:
-        got, lines, body = get(on.admin, request)
-        assert got == code, (request, got, lines)
+    for req, code in ADMIN_CASES:
+        got = request(on.admin, req)
+        assert code_of(got) == code, (req, got)
         if code != 200:
-            assert body == b"", (request, body)
+            assert got.endswith(b"\r\n\r\n"), (req, got)  # no body
     # The same web requests get the same answers with and without the admin listener.
     for path in WEB_PATHS:
         req = b"GET " + path + b" HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: metrics-test\r\n\r\n"
-        assert get(on.port, req) == get(off.port, req), path
+        assert request(on.port, req) == request(off.port, req), path
     # Without the group there is no admin listener at all.
     assert "1 [admin] listener(s) started" in on.log()
     assert "[admin] listener" not in off.log()
@@ -287,7 +184,7 @@ def test_status_larger_than_the_socket_takes_reaches_a_slow_reader(agent, tmp_pa
     silent.bind(("127.0.0.1", 0))
     silent.listen(1024)
     src = f"http://127.0.0.1:{silent.getsockname()[1]}/{long_dir}"
-    admin_on(agent)
+    agent.with_admin()
     unix_path = str(tmp_path / "admin.sock")
     agent.vesk["admin_input"] = [agent.vesk["admin_input"], {"domain_path": unix_path}]
     agent.start()
@@ -318,45 +215,3 @@ def test_status_larger_than_the_socket_takes_reaches_a_slow_reader(agent, tmp_pa
         for c in clients:
             c.close()
         silent.close()
-
-
-def test_full_web_listener_refusals_are_counted_per_listener(agent):
-    agent.vesk["web_input"][0].update(max_queued=1, alias="web-lo")
-    admin_on(agent).start()
-    with socket.create_connection(("127.0.0.1", agent.port), timeout=5):
-        wait_scrape(agent, lambda s: s("vsk_requests_queued", type="user", listener="web-lo") == 1)
-        status, _, _ = get(agent.port, b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: t\r\n\r\n")
-        assert status == 503
-        s = Scrape(agent)
-    assert s("vsk_requests_refused_total", type="user", listener="web-lo") == 1
-    assert s("vsk_requests_refused_total", type="admin", listener=f"lo:{agent.admin}") == 0
-    # The refusal never reached a request object: no answer of the download path counts it.
-    assert s.family("vsk_http_answers_total") == {}
-
-
-def test_admin_connection_that_never_sends_a_head_times_out(agent):
-    agent.vesk.update(urq_tmout_sec=1, task_tmout_ms=200)
-    admin_on(agent).start()
-    with socket.create_connection(("127.0.0.1", agent.admin), timeout=15) as s:
-        s.sendall(b"GET /metr")
-        assert s.recv(100) == b""  # closed unanswered by the request time-out
-    assert Scrape(agent)("vsk_requests_queued", type="admin", listener=f"lo:{agent.admin}") == 1
-
-
-@pytest.mark.parametrize("admin, text", [
-    ("lo:8080", "vesk.admin_input must be a listener group or a list of them"),
-    ([], "failed to load admin listener(s) of vesk.admin_input"),
-    ({"ifc": "lo", "port": 0}, "invalid port value: [0]"),
-    ({"ifc": "lo", "port": 8080, "max_queued": 0},
-     "admin_input.max_queued = 0 is out of range (1..100000)"),
-    ([{"ifc": "lo", "port": 8080}, {"ifc": "lo", "port": 70000}], "invalid port value: [70000]"),
-], ids=["string", "empty-list", "port-0", "queued-0", "second-bad"])
-def test_bad_admin_input_is_refused(tmp_path, admin, text):
-    vesk = {"log": {"file": str(tmp_path / "vsk.log"), "level": "info", "enable_syslog": False},
-            "runtime": {"non_daemon": True, "pidfile": str(tmp_path / "vsk.pid")},
-            "web_input": {"ifc": "lo", "port": free_port()}, "admin_input": admin,
-            "data_dir": str(tmp_path)}
-    (tmp_path / "vsk.conf").write_text(render_config(vesk))
-    r = run_vsk("-C", tmp_path / "vsk.conf")
-    assert r.returncode == 1 and text in r.stderr, r.stderr
-    assert not (tmp_path / "vsk.pid").exists()

@@ -2,15 +2,12 @@
 and port goes out on the connection an earlier one left, a connection the source closes while idle
 or just as a request goes out costs the download nothing, and no pooled socket outlives its use:
 the descriptor count comes back to idle."""
-import socket
 import time
 
 import pytest
 
-from conftest import free_port
+from conftest import ask, curl, dl_path, files_under, free_port
 from peers import BadSource, Nginx
-from test_download import ask, curl, dl_path, fd_count, files_under, wait_fds
-from test_peer_faults import name_agent  # noqa: F401 (a fixture)
 
 
 class KeepAliveSource(BadSource):
@@ -19,31 +16,16 @@ class KeepAliveSource(BadSource):
     (1, 2, ...) to "answer" (the default), "close" (close without an answer) or "silent" (send
     nothing until the peer closes)."""
 
+    READ_TIMEOUT = 8.0  # a pooled connection waits idle for its next request
+
     def __init__(self, bodies, script=None):
         self.bodies, self.script = bodies, dict(script or {})
         self.connections = 0
         self.requests_on = []  # (connection number, request head)
-        self._idle = set()  # connections waiting for their next request
         super().__init__()
 
     def url(self, path, host="127.0.0.1"):
         return f"http://{host}:{self.port}/{path}"
-
-    def _read_head(self, conn):
-        data = b""
-        deadline = time.monotonic() + 8
-        while b"\r\n\r\n" not in data and time.monotonic() < deadline and not self._stop.is_set():
-            conn.settimeout(0.1)
-            try:
-                chunk = conn.recv(4096)
-            except socket.timeout:
-                continue
-            except OSError:
-                return b""
-            if not chunk:
-                return b""
-            data += chunk
-        return data
 
     def _serve(self, conn):
         with self._lock:
@@ -52,11 +34,7 @@ class KeepAliveSource(BadSource):
         nth = 0
         try:
             while True:
-                with self._lock:
-                    self._idle.add(conn)
                 head = self._read_head(conn)
-                with self._lock:
-                    self._idle.discard(conn)
                 if b"\r\n\r\n" not in head:
                     return
                 nth += 1
@@ -75,17 +53,10 @@ class KeepAliveSource(BadSource):
                     len(body), b"Connection: close\r\n" if closing else b"") + body)
                 if closing:
                     return
+        except OSError:
+            pass
         finally:
             conn.close()
-
-    def close_idle(self):
-        """Closes every connection that waits for its next request, as a server's idle time-out
-        does."""
-        with self._lock:
-            idle = list(self._idle)
-        for c in idle:
-            c.shutdown(socket.SHUT_RDWR)
-        return len(idle)
 
 
 BODIES = {f"live/{i}.ts": bytes([i]) * (3000 + 1000 * i) for i in range(1, 6)}
@@ -126,28 +97,13 @@ def test_downloads_from_one_source_share_a_connection(agent, source, pool_max, c
         pooled_agent(agent, pool_max)
     else:
         agent.start()
-    idle_fds = fd_count(agent.proc.pid)
+    idle_fds = agent.fds()
     for i in (1, 2, 3):
         fetch(agent, src, i)
     assert src.connections == connections
     assert all(conn_word in head for _, head in src.requests_on) and len(src.requests_on) == 3
     # The one pooled connection is the only descriptor beyond idle; without the pool, none is.
-    assert wait_fds(agent.proc.pid, idle_fds + (1 if pool_max else 0)) == idle_fds + (1 if pool_max else 0)
-    assert agent.stop() == 0
-
-
-def test_source_closing_an_idle_connection_is_noticed_and_the_next_download_connects(agent, source):
-    src = source()
-    pooled_agent(agent)
-    idle_fds = fd_count(agent.proc.pid)
-    fetch(agent, src, 1)
-    assert wait_fds(agent.proc.pid, idle_fds + 1) == idle_fds + 1
-    assert src.close_idle() == 1
-    agent.wait_for_log(r"spl_on_event: idle connection fd\d+ to \[127\.0\.0\.1:\d+\] was closed by the source")
-    assert wait_fds(agent.proc.pid, idle_fds) == idle_fds
-    fetch(agent, src, 2)
-    assert src.connections == 2
-    assert "due to error" not in agent.log()
+    assert agent.wait_fds(idle_fds + (1 if pool_max else 0)) == idle_fds + (1 if pool_max else 0)
     assert agent.stop() == 0
 
 
@@ -156,7 +112,7 @@ def test_connection_closed_as_the_request_goes_out_is_retried_once(agent, source
     # new one answers (it is its first request), and the client sees only the 200.
     src = source({2: "close"})
     pooled_agent(agent)
-    idle_fds = fd_count(agent.proc.pid)
+    idle_fds = agent.fds()
     fetch(agent, src, 1)
     fetch(agent, src, 2)
     fetch(agent, src, 3)
@@ -165,14 +121,14 @@ def test_connection_closed_as_the_request_goes_out_is_retried_once(agent, source
     assert log.count("reused connection fd") == 2, log[-3000:]
     assert "due to error" not in log and "(ERR)" not in log, log[-3000:]
     assert files_under(agent.data_dir) == ["live/1.ts", "live/2.ts", "live/3.ts"]
-    assert wait_fds(agent.proc.pid, idle_fds + 1) == idle_fds + 1
+    assert agent.wait_fds(idle_fds + 1) == idle_fds + 1
     assert agent.stop() == 0
 
 
 def test_silent_source_on_a_reused_connection_ends_as_a_stalled_task(agent, source):
     src = source({2: "silent"})
     pooled_agent(agent, end_stalled_tasks=True, task_tmout_ms=700)
-    idle_fds = fd_count(agent.proc.pid)
+    idle_fds = agent.fds()
     fetch(agent, src, 1)
     t0 = time.monotonic()
     r = curl(agent.port, dl_path(src.url("live/2.ts"), "live/2.ts"))
@@ -180,7 +136,7 @@ def test_silent_source_on_a_reused_connection_ends_as_a_stalled_task(agent, sour
     assert 0.6 < time.monotonic() - t0 < 3
     # Silence is not a close: no retry, and the stalled connection is not pooled again.
     assert src.connections == 1 and "reused connection fd" not in agent.log()
-    assert wait_fds(agent.proc.pid, idle_fds) == idle_fds
+    assert agent.wait_fds(idle_fds) == idle_fds
     assert files_under(agent.data_dir) == ["live/1.ts"]
     assert agent.stop() == 0
 
@@ -188,13 +144,13 @@ def test_silent_source_on_a_reused_connection_ends_as_a_stalled_task(agent, sour
 def test_pool_bound_and_idle_time(agent, source):
     srcs = [source() for _ in range(3)]
     pooled_agent(agent, pool_max=2, src_pool_idle_ms=1500)
-    idle_fds = fd_count(agent.proc.pid)
+    idle_fds = agent.fds()
     for i, s in enumerate(srcs, 1):
         fetch(agent, s, i)
     # Three sources, two slots: the third connection is closed, not kept.
-    assert wait_fds(agent.proc.pid, idle_fds + 2) == idle_fds + 2
+    assert agent.wait_fds(idle_fds + 2) == idle_fds + 2
     t0 = time.monotonic()
-    assert wait_fds(agent.proc.pid, idle_fds, timeout=5) == idle_fds
+    assert agent.wait_fds(idle_fds, timeout=5) == idle_fds
     assert 1.0 < time.monotonic() - t0 < 4
     assert all(s.connections == 1 for s in srcs)
     assert agent.stop() == 0
@@ -219,13 +175,14 @@ def test_named_source_reuses_without_a_look_up_and_retries_through_one(name_agen
 
 def test_real_source_keeps_and_then_closes_connections(agent, tmp_path):
     """nginx closes an idle connection after a second and ends one after two requests (its last
-    answer says "Connection: close"); its log shows on which connection each request came."""
+    answer says "Connection: close"); its log shows on which connection each request came. A
+    closed idle connection is noticed, and the next download connects anew."""
     ng_dir = tmp_path / "nginx"
     ng = Nginx(ng_dir, free_port(), extra=f"keepalive_timeout 1; keepalive_requests 2; "
                f"access_log {ng_dir}/conn.log conn;").start()
     try:
         pooled_agent(agent)
-        idle_fds = fd_count(agent.proc.pid)
+        idle_fds = agent.fds()
         for i in (1, 2, 3):
             ng.put(f"live/{i}.ts", BODIES[f"live/{i}.ts"])
             ask(agent, ng.url(f"live/{i}.ts"), f"live/{i}.ts")
@@ -233,13 +190,19 @@ def test_real_source_keeps_and_then_closes_connections(agent, tmp_path):
         # Two requests on the first connection, then a new one: the closing answer was not pooled.
         conns = [line.split()[0] for line in (ng.dir / "conn.log").read_text().splitlines()]
         assert len(conns) == 3 and conns[0] == conns[1] != conns[2], conns
-        assert wait_fds(agent.proc.pid, idle_fds + 1) == idle_fds + 1
+        assert agent.wait_fds(idle_fds + 1) == idle_fds + 1
         # nginx's idle time-out closes the pooled one: noticed, and the descriptor goes.
-        agent.wait_for_log(r"spl_on_event: idle connection fd\d+ to .* was closed by the source", timeout=5)
-        assert wait_fds(agent.proc.pid, idle_fds) == idle_fds
-        assert "(ERR)" not in agent.log()
-        assert files_under(agent.data_dir) == ["live/1.ts", "live/2.ts", "live/3.ts"]
-        assert all((agent.data_dir / f"live/{i}.ts").read_bytes() == BODIES[f"live/{i}.ts"] for i in (1, 2, 3))
+        agent.wait_for_log(r"spl_on_event: idle connection fd\d+ to \[127\.0\.0\.1:\d+\] was closed by the source",
+                           timeout=5)
+        assert agent.wait_fds(idle_fds) == idle_fds
+        ng.put("live/4.ts", BODIES["live/4.ts"])
+        ask(agent, ng.url("live/4.ts"), "live/4.ts")
+        agent.wait_for_log(r"downloaded: .*live/4\.ts\]")
+        conns = [line.split()[0] for line in (ng.dir / "conn.log").read_text().splitlines()]
+        assert len(conns) == 4 and conns[3] not in conns[:3], conns
+        assert "(ERR)" not in agent.log() and "due to error" not in agent.log()
+        assert files_under(agent.data_dir) == [f"live/{i}.ts" for i in (1, 2, 3, 4)]
+        assert all((agent.data_dir / f"live/{i}.ts").read_bytes() == BODIES[f"live/{i}.ts"] for i in (1, 2, 3, 4))
     finally:
         ng.stop()
     assert agent.stop() == 0

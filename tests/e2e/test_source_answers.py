@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from test_download import ask, fd_count, files_under, lbdb_agent, wait_fds, zrange
+from conftest import ask, files_under, zrange
 
 BODY = bytes(range(256)) * 4  # 1024 bytes
 N = len(BODY)
@@ -18,59 +18,48 @@ def head(status, *lines):
 OK_HEAD = head("HTTP/1.1 200 OK", f"Content-Length: {N}")
 CHUNKED = f"{N:x}\r\n".encode() + BODY + b"\r\n0\r\n\r\n"
 
-# name: (the exact bytes the source sends, what the one error line must say)
+# name: (the exact bytes the source sends, what the one error line must say). One of each place
+# where the reading of an answer refuses it; every reason is checked on the parser itself.
 MALFORMED = {
-    "interim_100": (head("HTTP/1.1 100 Continue") + OK_HEAD + BODY,
-                    "interim answer 100 where a final one was due"),
     "status_2xx": (head("HTTP/1.1 2xx Whatever", f"Content-Length: {N}") + BODY,
                    "status line [HTTP/1.1 2xx Whatever] is not HTTP/1.0 or HTTP/1.1, a space and "
                    "three digits"),
-    # 2^32 + 200: read into an int it used to wrap around to 200.
-    "status_wraps": (head("HTTP/1.1 4294967496 OK", f"Content-Length: {N}") + BODY,
-                     "status line [HTTP/1.1 4294967496 OK] is not"),
-    "status_http2": (head("HTTP/2 200 OK", f"Content-Length: {N}") + BODY, "status line [HTTP/2 200 OK]"),
     "length_differs": (head("HTTP/1.1 200 OK", "Content-Length: 10", f"Content-Length: {N}") + BODY,
                        f"Content-Length values 10 and {N} differ"),
-    "length_suffix": (head("HTTP/1.1 200 OK", "Content-Length: 12abc") + BODY,
-                      "Content-Length [12abc] is not a decimal number of bytes"),
-    "length_overflow": (head("HTTP/1.1 200 OK", "Content-Length: 99999999999999999999") + BODY,
-                        "Content-Length [99999999999999999999] is not a decimal number of bytes"),
     "chunked": (head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked", f"Content-Length: {len(CHUNKED)}")
                 + CHUNKED,
                 "Transfer-Encoding [chunked] in a 200 answer: only length-delimited bodies are supported"),
     "partial_206": (head("HTTP/1.1 206 Partial Content", "Content-Length: 512",
                          f"Content-Range: bytes 0-511/{N}") + BODY[:512],
                     f"206 Content-Range [bytes 0-511/{N}] is not the whole 512-byte body"),
-    "no_range_206": (head("HTTP/1.1 206 Partial Content", f"Content-Length: {N}") + BODY,
-                     "206 answer without Content-Range"),
 }
 
-# name: (the exact bytes the source sends, the file the agent must store)
+# name: (the exact bytes the source sends, a line the log must show)
 WELL_FORMED = {
     "whole_206": (head("HTTP/1.1 206 Partial Content", f"Content-Range: bytes 0-{N - 1}/{N}",
-                       f"Content-Length: {N}") + BODY, BODY),
-    "http10": (head("HTTP/1.0 200 OK", f"Content-Length: {N}") + BODY, BODY),
+                       f"Content-Length: {N}") + BODY, "received: HTTP/1.1 206 Partial"),
+    "http10": (head("HTTP/1.0 200 OK", f"Content-Length: {N}") + BODY, "received: HTTP/1.0 200 OK"),
     "equal_lengths": (head("HTTP/1.1 200 OK", f"Content-Length: {N}", "X-Cache: hit",
-                           f"content-length:  {N} ") + BODY, BODY),
+                           f"content-length:  {N} ") + BODY, f"downloaded: {N} bytes"),
     # Bytes beyond the announced length are not part of the file.
-    "excess_dropped": (OK_HEAD + BODY + b"trailing junk" * 50, BODY),
+    "excess_dropped": (OK_HEAD + BODY + b"trailing junk" * 50,
+                       "ignoring 650 bytes beyond the content length"),
 }
 
 
 @pytest.fixture
 def registry_agent(agent, redis, bad_source):
     """An agent that registers its downloads in a real Redis, with a scripted source."""
-    lbdb_agent(agent, redis, "http://127.0.0.1:1/seg/")
-    return agent
+    return agent.with_registry(redis).start()
 
 
 def fetch(agent, bad_source, raw, expect):
     bad_source.route("/s.ts", raw=raw)
-    fds = fd_count(agent.proc.pid)
+    fds = agent.fds()
     expiry = int(time.time()) + 3600
     ask(agent, bad_source.url("s.ts"), "live/s.ts", f"expiry={expiry}", expect=expect)
     agent.wait_for_log(r"TASK-END ")
-    assert wait_fds(agent.proc.pid, fds) == fds
+    assert agent.wait_fds(fds) == fds
     return expiry
 
 
@@ -92,11 +81,11 @@ def test_malformed_answer_fails_the_task(registry_agent, redis, bad_source, case
 
 @pytest.mark.parametrize("case", WELL_FORMED)
 def test_well_formed_neighbour_downloads(registry_agent, redis, bad_source, case):
-    raw, stored = WELL_FORMED[case]
+    raw, logged = WELL_FORMED[case]
     agent = registry_agent
     expiry = fetch(agent, bad_source, raw, (200, "OK"))
     agent.wait_for_log(r"downloaded: ")
-    assert (agent.data_dir / "live/s.ts").read_bytes() == stored
+    assert (agent.data_dir / "live/s.ts").read_bytes() == BODY
     assert files_under(agent.data_dir) == ["live/s.ts"]
     assert zrange(redis, "live/s.ts") == {"http://127.0.0.1:1/seg/live/s.ts": str(expiry)}
-    assert "malformed answer" not in agent.log()
+    assert "malformed answer" not in agent.log() and logged in agent.log()

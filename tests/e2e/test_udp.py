@@ -8,58 +8,8 @@ import time
 
 import pytest
 
-from conftest import Agent, free_port
+from conftest import GROUP, Agent, dl_url, free_port, order, registered, wait_until
 from peers import Nginx, udp_send, udp_send_mcast
-from test_download import registered
-
-GROUP = "239.255.42.17"  # an IPv4 group joined on "lo"; IPv6 multicast does not run on this lo
-
-
-def order(lid, url, expiry="1700000001", sep=" "):
-    """One channel message: the prefix, the lock id, the URL and the expiry."""
-    return f"#!{lid}{sep}{url}{sep}{expiry}".encode()
-
-
-def dl_url(agent, src, dst):
-    """The URL of a download request to `agent`: fetch `src` into `dst` of its data directory."""
-    return f"http://127.0.0.1:{agent.port}/src/{src}/dst/{dst}"
-
-
-def with_channel(agent, host="127.0.0.1", port=None, lock_dir=None, **extra):
-    """Configures the agent's UDP channel; the lock directory defaults to the agent's own."""
-    agent.udp_host, agent.udp = host, port or free_port(kind=socket.SOCK_DGRAM)
-    agent.vesk["udp_input"] = {"url": f"udp://{host}:{agent.udp}",
-                               "lock_dir": str(lock_dir or agent.lock_dir), **extra}
-    return agent
-
-
-def wait_new(agent, mark, pattern, timeout=10, count=1):
-    """Waits until `pattern` occurs `count` times in the log written after offset `mark`."""
-    rx = re.compile(pattern)
-    deadline = time.monotonic() + timeout
-    while True:
-        text = agent.log()[mark:]
-        if len(rx.findall(text)) >= count:
-            return text
-        if time.monotonic() > deadline or agent.proc.poll() is not None:
-            raise AssertionError(f"log never showed {pattern!r} x{count} (exit={agent.proc.poll()})\n"
-                                 f"--- new log ---\n{text[-4000:]}\n--- stderr ---\n{agent.stderr()[-2000:]}")
-        time.sleep(0.05)
-
-
-def send(agent, data, pattern, count=1):
-    """Sends datagrams to the agent's channel; returns the log written since, once it has `pattern`."""
-    mark = len(agent.log())
-    for d in data if isinstance(data, list) else [data]:
-        (udp_send_mcast if agent.udp_host == GROUP else udp_send)(agent.udp_host, agent.udp, d)
-    return wait_new(agent, mark, pattern, count=count)
-
-
-def wait_until(what, check, timeout=10):
-    deadline = time.monotonic() + timeout
-    while not check():
-        assert time.monotonic() < deadline, f"timed out waiting for {what}"
-        time.sleep(0.05)
 
 
 def lock_files(d):
@@ -76,11 +26,12 @@ def slow_route(source, path, body, delay=1.0):
 def test_order_downloads_file_byte_for_byte(agent, nginx, host, ifc):
     payload = os.urandom(300_000)
     nginx.put("live/x.ts", payload)
-    with_channel(agent, host, **({"mcast_ifc": "lo"} if host == GROUP else {})).start()
+    agent.with_channel(host, **({"mcast_ifc": "lo"} if host == GROUP else {})).start()
     assert re.search(rf"UDP input += \[udp://.*\] ifc={ifc} ", agent.log())
-    # The lock lives as long as the download task and no longer.
-    text = send(agent, order("seg0042", dl_url(agent, nginx.url("live/x.ts"), "x.ts")),
-                r"lid_unlock: seg0042 at \[")
+    # The lock lives as long as the download task and no longer. A unicast order comes from
+    # another loopback address: the channel does not look at who sent it.
+    text = agent.send(order("seg0042", dl_url(agent, nginx.url("live/x.ts"), "x.ts")),
+                      r"lid_unlock: seg0042 at \[", source="127.0.0.9" if host != GROUP else None)
     assert re.search(r"downloaded: 300000 bytes, \[http://127\.0\.0\.1:\d+/live/x\.ts\]", text)
     assert re.search(r"TASK-START .* expiry=1700000001 lid=\[seg0042\]", text)
     assert text.count("TASK-START") == 1
@@ -94,7 +45,7 @@ def test_order_downloads_file_byte_for_byte(agent, nginx, host, ifc):
 def gram(tmp_path_factory):
     """One agent with a unicast channel, shared by all grammar cases; checked for panics at the end."""
     srv = Nginx(tmp_path_factory.mktemp("gram-nginx"), free_port())
-    a = with_channel(Agent(tmp_path_factory.mktemp("gram"), "vsk"))
+    a = Agent(tmp_path_factory.mktemp("gram"), "vsk").with_channel()
     a.nginx, a.payload = srv, os.urandom(40_000)
     try:
         srv.start().put("g.ts", a.payload)
@@ -147,7 +98,7 @@ def test_message_rejected(gram, case):
     make, expect = REJECTED[case]
     if "request failed" not in expect:
         expect += r"\n.*\[\] request failed; url=\[\(null\)\], rc=-1"
-    text = send(gram, make(gram), r"request failed;")
+    text = gram.send(make(gram), r"request failed;")
     assert re.search(expect, text), f"{case}: expected {expect!r} in\n{text}"
     assert text.count("request failed;") == 1 and "TASK-START" not in text
     assert lock_files(gram.lock_dir) == [] and gram.proc.poll() is None
@@ -171,7 +122,7 @@ ACCEPTED = {
 def test_message_accepted_and_downloaded(gram, case):
     make, expiry, lid, lines = ACCEPTED[case]
     dst = f"acc/{case}.ts"
-    text = send(gram, make(gram, dst, lid), rf"lid_unlock: {lid} at \[")
+    text = gram.send(make(gram, dst, lid), rf"lid_unlock: {lid} at \[")
     assert f"downloaded: {len(gram.payload)} bytes" in text and "request failed;" not in text
     start = rf"TASK-START .*/acc/{case}\.ts-Vesk\] length=\d+, expiry={re.escape(expiry)} lid=\[{lid}\]"
     for line in [start] + lines:
@@ -182,7 +133,7 @@ def test_message_accepted_and_downloaded(gram, case):
 @pytest.mark.parametrize("tail", ["", "  #5"], ids=["no-expiry", "hash-expiry"])
 def test_missing_expiry_aborts_the_agent(agent, tail):
     agent.expect_panic = True
-    with_channel(agent).start()
+    agent.with_channel().start()
     url = dl_url(agent, "http://127.0.0.1:1/a.ts", "a.ts")
     udp_send("127.0.0.1", agent.udp, f"#!abcd {url}{tail}".encode())
     assert agent.wait_exit(timeout=15) == -signal.SIGABRT
@@ -194,44 +145,43 @@ def test_missing_expiry_aborts_the_agent(agent, tail):
 
 # --- request locks ----------------------------------------------------------------------------
 
-def test_fresh_foreign_lock_skips_order_until_stale(agent, nginx):
+def test_locks_held_by_another_agent_or_a_running_download(agent, nginx, bad_source):
+    """A fresh foreign lock skips the order until it is stale; a running download holds its lock
+    id until its task ends, and the id takes the next order at once."""
     payload = os.urandom(10_000)
     nginx.put("s.ts", payload)
-    with_channel(agent).start()
+    agent.with_channel().start()
     lock = agent.lock_dir / "seg7777.lock"
     msg = order("seg7777", dl_url(agent, nginx.url("s.ts"), "s.ts"))
     # Another agent's lock, 25 seconds old: still inside the 30 seconds it holds.
     lock.touch()
     os.utime(lock, (time.time() - 25,) * 2)
-    text = send(agent, msg, r"\[seg7777\] already engaged, will skip")
+    text = agent.send(msg, r"\[seg7777\] already engaged, will skip")
     assert re.search(rf"upstanding lock \[{re.escape(str(lock))}\] \(age=2\d\) found", text)
     assert "request failed;" not in text and "TASK-START" not in text
     assert lock.exists() and not (agent.data_dir / "s.ts").exists()
     # Left by a holder that died more than 30 seconds ago: removed and the order taken.
     os.utime(lock, (time.time() - 60,) * 2)
-    text = send(agent, msg, r"lid_unlock: seg7777 at \[")
+    text = agent.send(msg, r"lid_unlock: seg7777 at \[")
     assert re.search(rf"expired stale lock \[{re.escape(str(lock))}\], age=\d+ sec", text)
     assert (agent.data_dir / "s.ts").read_bytes() == payload and not lock.exists()
 
-
-def test_lock_held_by_running_download_then_released(agent, bad_source):
     body = os.urandom(5000)
     for p in ("/slow1.ts", "/slow3.ts"):
         slow_route(bad_source, p, body)
-    with_channel(agent).start()
 
     def msg(n):
         return order("seg0100", dl_url(agent, bad_source.url(f"slow{n}.ts"), f"a{n}.ts"))
-    mark = len(agent.log())
-    send(agent, msg(1), r"TASK-START")
+    mark = agent.mark()
+    agent.send(msg(1), r"TASK-START")
     assert lock_files(agent.lock_dir) == ["seg0100.lock"]
     # The same lock id again while the first is still downloading.
-    text = send(agent, msg(2), r"\[seg0100\] already engaged, will skip")
+    text = agent.send(msg(2), r"\[seg0100\] already engaged, will skip")
     assert "downloaded:" not in text and "request failed;" not in text
-    wait_new(agent, mark, r"lid_unlock: seg0100 at \[")
+    agent.wait_for_log(r"lid_unlock: seg0100 at \[", since=mark)
     assert (agent.data_dir / "a1.ts").read_bytes() == body and lock_files(agent.lock_dir) == []
     # Released with its task, the lock id takes the next order at once.
-    send(agent, msg(3), r"lid_unlock: seg0100 at \[")
+    agent.send(msg(3), r"lid_unlock: seg0100 at \[")
     assert (agent.data_dir / "a3.ts").read_bytes() == body and not (agent.data_dir / "a2.ts").exists()
     assert [r.split(b" ")[1] for r in bad_source.requests] == [b"/slow1.ts", b"/slow3.ts"]
 
@@ -239,16 +189,16 @@ def test_lock_held_by_running_download_then_released(agent, bad_source):
 def test_order_refused_by_task_limit_keeps_its_lock(agent, bad_source):
     slow_route(bad_source, "/busy.ts", b"b" * 3000, 1.5)
     agent.vesk["max_tasks"] = 1
-    with_channel(agent).start()
+    agent.with_channel().start()
     more = order("more1", dl_url(agent, bad_source.url("more.ts"), "more.ts"))
-    mark = len(agent.log())
-    send(agent, order("busy1", dl_url(agent, bad_source.url("busy.ts"), "busy.ts")), r"TASK-START")
-    text = send(agent, more, r"limit on tasks exceeded \[1\]")
+    mark = agent.mark()
+    agent.send(order("busy1", dl_url(agent, bad_source.url("busy.ts"), "busy.ts")), r"TASK-START")
+    text = agent.send(more, r"limit on tasks exceeded \[1\]")
     assert "request failed;" not in text  # the refusal is not the order's failure
-    wait_new(agent, mark, r"lid_unlock: busy1 at \[")
+    agent.wait_for_log(r"lid_unlock: busy1 at \[", since=mark)
     # The refused order's lock is left to lapse: it throttles the same announcement.
     assert lock_files(agent.lock_dir) == ["more1.lock"]
-    send(agent, more, r"\[more1\] already engaged, will skip")
+    agent.send(more, r"\[more1\] already engaged, will skip")
     assert [r.split(b" ")[1] for r in bad_source.requests] == [b"/busy.ts"]
 
 
@@ -256,9 +206,9 @@ def test_without_locking_repeated_orders_are_all_taken(agent, bad_source):
     bodies = {i: os.urandom(4000 + i) for i in range(3)}
     for i, body in bodies.items():
         slow_route(bad_source, f"/r{i}.ts", body)
-    with_channel(agent, must_lock=False).start()
+    agent.with_channel(must_lock=False).start()
     lid = "vsk-e2e-nolock"
-    text = send(agent, [order(lid, dl_url(agent, bad_source.url(f"r{i}.ts"), f"r{i}.ts")) for i in bodies],
+    text = agent.send([order(lid, dl_url(agent, bad_source.url(f"r{i}.ts"), f"r{i}.ts")) for i in bodies],
                 r"downloaded:", count=3)
     # All three ran at once under the same lock id.
     starts = [m.start() for m in re.finditer(rf"TASK-START .* lid=\[{lid}\]", text)]
@@ -274,7 +224,7 @@ def test_two_agents_on_one_group_take_each_order_once(agents, bad_source, tmp_pa
     shared = tmp_path / "shared-lock"
     shared.mkdir()
     port = free_port(kind=socket.SOCK_DGRAM)
-    pair = [with_channel(agents(n), GROUP, port, shared, mcast_ifc="lo").start() for n in ("a1", "a2")]
+    pair = [agents(n).with_channel(GROUP, port, shared, mcast_ifc="lo").start() for n in ("a1", "a2")]
     bodies = {f"m{i}": os.urandom(6000 + i) for i in range(4)}
     for name, body in bodies.items():
         # The pause keeps each download running well past the moment both agents read the order.
@@ -302,12 +252,12 @@ def test_two_agents_on_one_group_take_each_order_once(agents, bad_source, tmp_pa
 
 def test_local_url_without_db_is_only_logged(agent):
     agent.vesk["local_url_prefix"] = "http://vsk-local.test/seg/"
-    with_channel(agent).start()
-    mark = len(agent.log())
-    send(agent, order("loc1", dl_url(agent, "http://vsk-local.test/seg/a.ts", "a.ts"), "600"),
+    agent.with_channel().start()
+    mark = agent.mark()
+    agent.send(order("loc1", dl_url(agent, "http://vsk-local.test/seg/a.ts", "a.ts"), "600"),
          r"\[http://vsk-local\.test/seg/a\.ts\] is local URL, no download required")
     # Give the intake the chance to do something more, then prove it did not.
-    send(agent, b"#!" + b"y" * 40, r"missing URL part")
+    agent.send(b"#!" + b"y" * 40, r"missing URL part")
     text = agent.log()[mark:]
     assert "adding local URL to LBDB" not in text and "TASK-START" not in text
     assert "request failed;" not in text.split("missing URL part")[0]
@@ -319,17 +269,15 @@ def test_local_url_with_db_is_registered(agent, nginx, redis):
     payload = os.urandom(2000)
     nginx.put("c.ts", payload)
     prefix = f"http://127.0.0.1:{agent.port}/data"
-    agent.vesk["local_url_prefix"] = prefix + "/"
-    agent.vesk["lbdb"] = {"host": "127.0.0.1", "port": redis.port, "sha1_dir": str(redis.sha1_dir)}
-    with_channel(agent).start()
-    text = send(agent, order("dbloc1", dl_url(agent, f"{prefix}/live/b.ts", "live/b.ts"), "600"),
+    agent.with_registry(redis, prefix + "/").with_channel().start()
+    text = agent.send(order("dbloc1", dl_url(agent, f"{prefix}/live/b.ts", "live/b.ts"), "600"),
                 r"add_lbdb_url: id=\[live/b\.ts\]")
     assert "adding local URL to LBDB" in text and f"url=[{prefix}/live/b.ts], expiry=600" in text
     assert "TASK-START" not in text and "request failed;" not in text and "failed to add" not in text
     assert list(registered(redis, "live/b.ts")) == [f"{prefix}/live/b.ts"]
     assert 0 < int(redis.cli("TTL", "live/b.ts")) <= 600
     # An order that is downloaded is registered under its local URL as well, without expiry.
-    send(agent, order("dbdl1", dl_url(agent, nginx.url("c.ts"), "live/c.ts"), "0"),
+    agent.send(order("dbdl1", dl_url(agent, nginx.url("c.ts"), "live/c.ts"), "0"),
          r"lid_unlock: dbdl1 at \[")
     assert (agent.data_dir / "live/c.ts").read_bytes() == payload
     assert list(registered(redis, "live/c.ts")) == [f"{prefix}/live/c.ts"]
@@ -341,7 +289,7 @@ def test_local_url_with_db_is_registered(agent, nginx, redis):
 def test_bad_datagrams_never_stop_the_channel(agent, nginx, tmp_path):
     payload = os.urandom(50_000)
     nginx.put("g.ts", payload)
-    a = with_channel(agent).start()
+    a = agent.with_channel().start()
     a.nginx = nginx
     bad = [make(a) for make, _ in REJECTED.values()] + [
         b"", bytes(range(256))[1:200],
@@ -352,7 +300,7 @@ def test_bad_datagrams_never_stop_the_channel(agent, nginx, tmp_path):
     # Orders that pass the intake and then fail as downloads: their locks go with their tasks.
     failing = [order("gone1", dl_url(a, nginx.url("missing.ts"), "missing.ts")),
                order("refused1", dl_url(a, f"http://127.0.0.1:{free_port()}/r.ts", "r.ts"))]
-    text = send(a, bad + failing + [order("good1", good(a, "ok.ts"))], r"lid_unlock: good1 at \[")
+    text = a.send(bad + failing + [order("good1", good(a, "ok.ts"))], r"lid_unlock: good1 at \[")
     assert (a.data_dir / "ok.ts").read_bytes() == payload
     assert text.count("request failed;") == len(bad) and text.count("TASK-START") == 3, text
     wait_until("the failing downloads to release their locks", lambda: lock_files(a.lock_dir) == [])
@@ -372,8 +320,8 @@ UNTAKEN = {
 def test_lock_not_taken_is_reported_once_and_not_released(agent, nginx, case):
     lock_dir, lid, reason = UNTAKEN[case]
     nginx.put("u.ts", b"u" * 1000)
-    with_channel(agent, lock_dir=agent.dir / lock_dir).start()
-    text = send(agent, order(lid, dl_url(agent, nginx.url("u.ts"), "u.ts")), r"request failed;")
+    agent.with_channel(lock_dir=agent.dir / lock_dir).start()
+    text = agent.send(order(lid, dl_url(agent, nginx.url("u.ts"), "u.ts")), r"request failed;")
     assert len(re.findall(reason, text)) == 1, text
     assert "lid_unlock" not in text and "unlink(" not in text, text
     assert "TASK-START" not in text and os.listdir(agent.data_dir) == []

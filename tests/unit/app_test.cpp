@@ -3,7 +3,6 @@
 // directory. Whole downloads through the event loop are covered end to end.
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "app.h"
 #include "cfg.h"
@@ -15,13 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using vsk_test::contains;
-
-std::string slurp(const std::string& path)
-{
-    std::ostringstream ss;
-    ss << std::ifstream(path, std::ios::binary).rdbuf();
-    return ss.str();
-}
+using vsk_test::slurp;
 
 // A response head as recv_http_response leaves it: the last byte of the end-of-head marker is
 // overwritten with a NUL, `tail` is the offset of the first body byte.

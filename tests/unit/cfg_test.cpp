@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "cfg.h"
 #include "test_support.h"
@@ -188,12 +187,11 @@ TEST_F(CfgTest, WebListenerFromCommandLineAndFinalCheck)
 // The shipped sample, with its paths relative to the directory the agent starts in.
 TEST_F(CfgTest, ShippedSampleLoads)
 {
-    std::ostringstream text;
-    text << std::ifstream(fs::path(__FILE__).parent_path() / "../../etc/vsk.conf").rdbuf();
+    const std::string text = vsk_test::slurp(fs::path(__FILE__).parent_path() / "../../etc/vsk.conf");
     fs::create_directories(dir / "var/data");
     const fs::path cwd = fs::current_path();
     fs::current_path(dir.path());
-    const int rc = load(text.str());
+    const int rc = load(text);
     fs::current_path(cwd);
     ASSERT_EQ(rc, 0) << out;
     EXPECT_STREQ(cfg.rui.user[0].port, "8480");

@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "lbquery.h"
@@ -139,10 +138,9 @@ TEST_F(LbdbTest, CallsOnTheRealScriptsAndALostServer)
     EXPECT_EQ(lbdb_del_segurl("seg", "http://a/seg", &left), 0);
     EXPECT_EQ(left, 1);
     // The "mbget" call sends the "next" digest on purpose: it works with only that script loaded.
-    std::ostringstream next;
-    next << std::ifstream(TOOLS / "next_url.lua").rdbuf();
+    const std::string next = vsk_test::slurp(TOOLS / "next_url.lua");
     freeReplyObject(redisCommand(admin, "script flush"));
-    freeReplyObject(redisCommand(admin, "script load %s", next.str().c_str()));
+    freeReplyObject(redisCommand(admin, "script load %s", next.c_str()));
     EXPECT_EQ(lbdb_mb_get_segurl("seg", nullptr, "http://b", buf, 128), 0);
     EXPECT_STREQ(buf, "http://b/seg");
     // No URL: the script's "#err: " answer is a failed call.

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 
@@ -18,6 +20,14 @@ namespace vsk_test {
 inline bool contains(const std::string& hay, const std::string& needle)
 {
     return hay.find(needle) != std::string::npos;
+}
+
+// The whole content of a file ("" when it cannot be read).
+inline std::string slurp(const std::filesystem::path& path)
+{
+    std::ostringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
 }
 
 // Points the application log at a temporary file: no time stamps, no pid, no group, every module

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,14 +18,7 @@
 
 namespace fs = std::filesystem;
 using vsk_test::contains;
-
-static std::string slurp(const std::string& p)
-{
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using vsk_test::slurp;
 
 static void spit(const std::string& p, const std::string& text)
 {

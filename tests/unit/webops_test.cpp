@@ -266,6 +266,8 @@ TEST(AnswerHead, StatusLineAndFramingTable)
         {"HTTP/1.1 099 X\r\n", 0, 0, "status code 099 out of range"},
         {"HTTP/1.1 2xx Whatever\r\n", 0, 0, "[HTTP/1.1 2xx Whatever] is not"},
         {"HTTP/1.1 2147483848 OK\r\n", 0, 0, "is not HTTP/1.0"},
+        {"HTTP/1.1 4294967496 OK\r\n", 0, 0, "is not HTTP/1.0"}, // 2^32 + 200 in an int: 200
+        {"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n", 200, -2, "is not a decimal"},
         {"HTTP/1.1 20 OK\r\n", 0, 0, "is not HTTP/1.0"},
         {"HTTP/1.1  200 OK\r\n", 0, 0, "is not HTTP/1.0"},
         {"HTTP/1.2 200 OK\r\n", 0, 0, "is not HTTP/1.0"},
