@@ -428,16 +428,19 @@ static void fail_source_start(dw_task* dw, int rc)
 // The end of the look-up of a task's source host. A name that did not resolve fails the task as
 // an unreachable source always has: the client gets the 500 a failed open gives. A name that
 // resolved to a refused address gets the 403 a refused source gets.
-static void on_src_resolved(void* arg, int status, const char* addr)
+static void on_src_resolved(void* arg, int status, const char* const* addrs, size_t naddrs)
 {
     auto* dw = static_cast<dw_task*>(arg);
     const group_guard gg(dw);
     dw->res_wait = nullptr;
     ZASSERT(dw->tag.num == DOW_TAG && state_is(dw, "res"));
     int rc = -1;
-    if (status == 0)
-        rc = open_source(dw, addr);
-    else
+    if (status == 0) {
+        dw->nalt = 0;
+        for (size_t i = 1; i < naddrs && dw->nalt < sizeof(dw->alt_addrs) / sizeof(dw->alt_addrs[0]); ++i)
+            snprintf(dw->alt_addrs[dw->nalt++], sizeof(dw->alt_addrs[0]), "%s", addrs[i]);
+        rc = open_source(dw, addrs[0]);
+    } else
         zlog(L_ERR, "%s: failed to open [%s]\n", "connect_to_src", dw->spec.url);
     if (rc == 0)
         return;
@@ -504,19 +507,43 @@ static int start_source(dw_task* dw, bool may_reuse)
 // the task starts over once on a new connection, and its client sees only the one answer. When
 // that cannot start, the client gets the 500 of a failed open (403 for a refused address) and the
 // task is listed for removal.
-static void retry_on_new_source(dw_task* dw)
+// Drops the task's source connection and starts another: to `addr`, or when null as a new
+// download would (a look-up of a host name, then a connection). A failure to start ends the task
+// as any failed start does.
+static void reconnect(dw_task* dw, const char* addr)
 {
-    zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
     (void)rqs_rm_fd(dw->sfd, true, true);
     usock_close(dw->sfd, &dw->sctx);
     dw->sfd = -1;
     dw->src_reused = false;
     dw->state.num = 0;
     set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
-    const int rc = start_source(dw, false);
+    const int rc = addr ? open_source(dw, addr) : start_source(dw, false);
     if (rc == 0)
         return;
     fail_source_start(dw, rc);
+}
+
+static void retry_on_new_source(dw_task* dw)
+{
+    zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
+    reconnect(dw, nullptr);
+}
+
+// A connection to one address of the source host was refused (or the address could not be
+// reached): the next address the name resolved to is tried. False when there is none left.
+static bool try_next_address(dw_task* dw)
+{
+    if (dw->nalt == 0)
+        return false;
+    char addr[sizeof(dw->alt_addrs[0])];
+    memcpy(addr, dw->alt_addrs[0], sizeof(addr));
+    memmove(dw->alt_addrs[0], dw->alt_addrs[1], sizeof(dw->alt_addrs) - sizeof(dw->alt_addrs[0]));
+    dw->nalt -= 1;
+    zlogf(L_INFO, "%s: [%s] no connection on fd%d, trying the next address %s\n", dw->spec.url,
+          dw->sfd, addr);
+    reconnect(dw, addr);
+    return true;
 }
 
 int mk_dw_task(int cfd, const dw_spec* spec)
@@ -726,6 +753,8 @@ int request_data_stream(dw_task* dw)
         retry_on_new_source(dw);
         return 0;
     }
+    if (rc != 0 && try_next_address(dw))
+        return 0;
     if (rc == 0) {
         rc = rqs_mod(dw->sfd, dw, RQS_READ);
         if (rc)

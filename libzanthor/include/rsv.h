@@ -6,11 +6,16 @@
 
 struct rsv_wait; // one caller waiting for a lookup; opaque
 
-// The end of a lookup: `status` 0 with the first address as numeric text in `addr`, or ENOENT (the
-// name does not exist or has no address), ETIMEDOUT (no answer within the time-out) or EIO (any
-// other failure) with `addr` null; the reason is logged once per lookup. Called from the loop,
-// never from inside rsv_lookup(); the waiter's handle is void from then on.
-using rsv_done_fn = void (*)(void* arg, int status, const char* addr);
+// Addresses of one name handed to a waiter at most: a source with more is reached through one of
+// these.
+constexpr size_t RSV_MAX_ADDRS = 4;
+
+// The end of a lookup: `status` 0 with `naddrs` (1..RSV_MAX_ADDRS) distinct addresses as numeric
+// text in `addrs`, in the resolver's order of preference; or ENOENT (the name does not exist or
+// has no address), ETIMEDOUT (no answer within the time-out) or EIO (any other failure) with no
+// address; the reason is logged once per lookup. Called from the loop, never from inside
+// rsv_lookup(); the waiter's handle and the texts are void once it returns.
+using rsv_done_fn = void (*)(void* arg, int status, const char* const* addrs, size_t naddrs);
 
 // Starts the resolver on the event loop (after rqs_init): name servers and search rules come from
 // the system's configuration, /etc/hosts is read before any server is asked. `tmout_ms` bounds

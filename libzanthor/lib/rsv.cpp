@@ -40,7 +40,8 @@ struct lookup {
     bool done;         // the result is in, to be handed out
     bool in_ares;      // c-ares still owes its callback
     int status;
-    char addr[INET6_ADDRSTRLEN];
+    char addrs[RSV_MAX_ADDRS][INET6_ADDRSTRLEN];
+    size_t naddrs;
 };
 
 struct resolver {
@@ -101,12 +102,16 @@ void unlist(lookup* lk)
 void deliver(lookup* lk)
 {
     unlist(lk);
+    const char* addrs[RSV_MAX_ADDRS];
+    const size_t n = lk->status == 0 ? lk->naddrs : 0;
+    for (size_t i = 0; i < n; ++i)
+        addrs[i] = lk->addrs[i];
     while (waiter* w = lk->waiters) {
         lk->waiters = w->next;
         const rsv_done_fn fn = w->fn;
         void* arg = w->arg;
         free(w);
-        fn(arg, lk->status, lk->status == 0 ? lk->addr : nullptr);
+        fn(arg, lk->status, addrs, n);
     }
     if (!lk->in_ares)
         free(lk);
@@ -145,20 +150,28 @@ void on_ares(void* arg, int status, int, ares_addrinfo* res)
         return; // rsv_destroy() frees the records
     }
     int st = map_status(status);
-    const ares_addrinfo_node* node = res ? res->nodes : nullptr;
-    for (; node; node = node->ai_next) {
+    lk->naddrs = 0;
+    for (const ares_addrinfo_node* node = res ? res->nodes : nullptr;
+         node && lk->naddrs < RSV_MAX_ADDRS; node = node->ai_next) {
         const void* bin = nullptr;
         if (node->ai_family == AF_INET)
             bin = &reinterpret_cast<const sockaddr_in*>(node->ai_addr)->sin_addr;
         else if (node->ai_family == AF_INET6)
             bin = &reinterpret_cast<const sockaddr_in6*>(node->ai_addr)->sin6_addr;
-        if (bin && inet_ntop(node->ai_family, bin, lk->addr, sizeof(lk->addr)))
-            break;
+        char* text = lk->addrs[lk->naddrs];
+        if (!bin || !inet_ntop(node->ai_family, bin, text, INET6_ADDRSTRLEN))
+            continue;
+        bool seen = false;
+        for (size_t i = 0; i < lk->naddrs && !seen; ++i)
+            seen = strcmp(lk->addrs[i], text) == 0;
+        if (!seen)
+            lk->naddrs += 1;
     }
-    if (st == 0 && !node)
+    if (st == 0 && lk->naddrs == 0)
         st = ENOENT;
     if (st == 0)
-        zlog(L_DEBUG, "%s: [%s] -> %s\n", "rsv_lookup", lk->host, lk->addr);
+        zlog(L_DEBUG, "%s: [%s] -> %s (%zu address%s)\n", "rsv_lookup", lk->host, lk->addrs[0],
+             lk->naddrs, lk->naddrs == 1 ? "" : "es");
     else
         zlog(L_ERR, "%s: [%s] did not resolve: %s\n", "rsv_lookup", lk->host,
              status == ARES_SUCCESS ? "no address" : ares_strerror(status));

@@ -489,14 +489,18 @@ def name_agent(agents, tmp_path, monkeypatch):
         pytest.skip("a private mount namespace and port 53 need root")
     servers = []
 
-    def make(mode):
+    def make(mode, hosts=""):
+        """`hosts`: lines added to the agent's view of /etc/hosts."""
         ns = NameServer(mode)
         servers.append(ns)
         resolv = tmp_path / f"resolv-{mode}.conf"
         resolv.write_text(f"nameserver {ns.addr}\noptions timeout:1 attempts:1\n")
+        hosts_file = tmp_path / f"hosts-{mode}"
+        hosts_file.write_text(Path("/etc/hosts").read_text() + hosts)
         wrapper = tmp_path / f"vsk-{mode}.sh"
-        wrapper.write_text("#!/bin/sh\nexec unshare -m sh -c 'mount --bind \"$1\" /etc/resolv.conf && shift && "
-                           f"exec \"$@\"' sh {resolv} {VSK_BIN} \"$@\"\n")
+        wrapper.write_text("#!/bin/sh\nexec unshare -m sh -c 'mount --bind \"$1\" /etc/resolv.conf && "
+                           "mount --bind \"$2\" /etc/hosts && shift 2 && "
+                           f"exec \"$@\"' sh {resolv} {hosts_file} {VSK_BIN} \"$@\"\n")
         wrapper.chmod(0o755)
         monkeypatch.setitem(globals(), "VSK_BIN", str(wrapper))
         return agents(f"vsk-{mode}"), ns

@@ -133,6 +133,28 @@ def test_name_that_does_not_exist_fails_the_task(name_agent, nginx):
     assert agent.stop() == 0
 
 
+def test_a_refused_address_passes_the_download_to_the_next_one(name_agent, nginx):
+    # nginx listens on 127.0.0.1 only: the name's first address refuses the connection.
+    agent, ns = name_agent("nxdomain", hosts="127.0.0.2 multi.vsk-test\n127.0.0.1 multi.vsk-test\n"
+                                              "127.0.0.3 dead.vsk-test\n127.0.0.4 dead.vsk-test\n")
+    agent.start()
+    nginx.put("live/m.ts", b"m" * 7000)
+    src = f"http://multi.vsk-test:{nginx.port}/live/m.ts"
+    ask(agent, src, "live/m.ts")
+    agent.wait_for_log(r"downloaded: ")
+    assert (agent.data_dir / "live/m.ts").read_bytes() == b"m" * 7000
+    log = agent.log()
+    assert re.search(rf"try_next_address: \[{re.escape(src)}\] no connection on fd\d+, "
+                     r"trying the next address 127\.0\.0\.1\n", log), log[-3000:]
+    # Every address refusing: the one failure a refused source always had, after trying each.
+    src = f"http://dead.vsk-test:{nginx.port}/live/m.ts"
+    r = curl(agent.port, dl_path(src, "live/d.ts"))
+    assert (r.status, r.reason) == (400, "Bad request"), r
+    assert agent.log().count("trying the next address 127.0.0.4") == 1 and ns.queries == 0
+    assert files_under(agent.data_dir) == ["live/m.ts"]
+    assert agent.stop() == 0
+
+
 def test_silent_name_server_times_out_while_the_loop_serves(name_agent, nginx):
     agent, ns = name_agent("silent")
     agent.vesk["resolve_tmout_ms"] = 3000

@@ -32,11 +32,16 @@ const rqs_callbacks k_cb = {
     nullptr,
 };
 
-void done(void* arg, int status, const char* addr)
+// Records "<arg> <status> <first address>", and checks that the addresses are few and distinct.
+void done(void* arg, int status, const char* const* addrs, size_t n)
 {
     EXPECT_FALSE(g_in_lookup) << "called from inside rsv_lookup";
+    EXPECT_EQ(status == 0, n >= 1 && n <= RSV_MAX_ADDRS) << n;
+    for (size_t i = 0; i < n; ++i)
+        for (size_t j = i + 1; j < n; ++j)
+            EXPECT_STRNE(addrs[i], addrs[j]);
     g_done.push_back(std::string(static_cast<const char*>(arg)) + " " + std::to_string(status) +
-                     " " + (addr ? addr : "-"));
+                     " " + (n ? addrs[0] : "-"));
 }
 
 TEST(Rsv, NumericAddresses)
