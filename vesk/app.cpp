@@ -969,6 +969,10 @@ int dw_tmout_check(void* data, size_t i)
     const long ms = (d.tv_sec > LONG_MAX / 1000 - 1) ? -1L : d.tv_sec * 1000 + d.tv_nsec / 1000000;
     zlog(L_WARN, "[%s] (%p) timed out after %ld ms\n", dw->trk_tag.sym8, static_cast<void*>(dw),
          ms);
+    // An address of the source that never took the connection: the next one the name resolved
+    // to, if any, gets the task with a time-out of its own.
+    if (state_is(dw, "ini") && try_next_address(dw))
+        return 0;
     dw_set_end(dw, MTR_END_STALLED);
     // A requester still waiting for the head learns that the source did not answer in time.
     if (dw->cfd >= 0) {

@@ -482,6 +482,16 @@ def bad_source():
         src.stop()
 
 
+def never_accepting_port(host="127.0.0.1", port=0):
+    """A listener whose one-place queue is taken: further SYNs are dropped, so a connect to it
+    hangs as one to a host that drops the SYN."""
+    srv = socket.socket()
+    srv.bind((host, port))
+    srv.listen(0)
+    filler = socket.create_connection(srv.getsockname())
+    return srv, filler
+
+
 @pytest.fixture
 def name_agent(agents, tmp_path, monkeypatch):
     """An agent in a private mount namespace whose /etc/resolv.conf names one local server."""

@@ -14,7 +14,8 @@ import time
 
 import pytest
 
-from conftest import Scrape, ask, curl, dl_path, files_under, ping, request, wait_scrape, wait_until
+from conftest import (Scrape, ask, curl, dl_path, files_under, never_accepting_port, ping, request,
+                      wait_scrape, wait_until)
 from test_download import BODY
 
 KiB = 1024
@@ -131,16 +132,6 @@ def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
 
 
 # ---- Stalled sources ----------------------------------------------------------------------------
-
-def never_accepting_port():
-    """A listener whose one-place queue is taken: further SYNs are dropped, so a connect to it
-    hangs as one to a host that drops the SYN."""
-    srv = socket.socket()
-    srv.bind(("127.0.0.1", 0))
-    srv.listen(0)
-    filler = socket.create_connection(srv.getsockname())
-    return srv, filler
-
 
 STALLS = {
     # route of the source, or None for a port that never accepts; what the requester gets

@@ -8,8 +8,8 @@ import time
 
 import pytest
 
-from conftest import (FAR, SOURCE_DIR, ask, curl, dl_path, files_under, ping, raw_get, registered,
-                      status_of, zrange)
+from conftest import (FAR, SOURCE_DIR, ask, curl, dl_path, files_under, never_accepting_port, ping,
+                      raw_get, registered, status_of, zrange)
 from peers import Redis
 
 
@@ -153,6 +153,29 @@ def test_a_refused_address_passes_the_download_to_the_next_one(name_agent, nginx
     assert agent.log().count("trying the next address 127.0.0.4") == 1 and ns.queries == 0
     assert files_under(agent.data_dir) == ["live/m.ts"]
     assert agent.stop() == 0
+
+
+def test_an_address_that_never_connects_passes_the_download_on_at_the_task_time_out(name_agent, nginx):
+    # The first address drops the SYN (a full listener on nginx's port), the second is nginx.
+    held = never_accepting_port("127.0.0.6", nginx.port)
+    agent, _ = name_agent("nxdomain", hosts="127.0.0.6 hang.vsk-test\n127.0.0.1 hang.vsk-test\n")
+    agent.vesk.update(end_stalled_tasks=True, task_tmout_ms=800)
+    agent.start()
+    nginx.put("live/h.ts", b"h" * 9000)
+    src = f"http://hang.vsk-test:{nginx.port}/live/h.ts"
+    t0 = time.monotonic()
+    r = curl(agent.port, dl_path(src, "live/h.ts"))
+    assert (r.status, r.reason) == (200, "OK"), r
+    agent.wait_for_log(r"downloaded: ")
+    assert 0.8 <= time.monotonic() - t0 < 5
+    assert (agent.data_dir / "live/h.ts").read_bytes() == b"h" * 9000
+    log = agent.log()
+    assert re.search(r"\(WRN\)  \S+  \[T0001\] \(0x[0-9a-f]+\) timed out after \d+ ms\n.*"
+                     r"try_next_address: \[.*\] no connection on fd\d+, trying the next address 127\.0\.0\.1",
+                     log, re.S), log[-3000:]
+    assert agent.stop() == 0
+    for s in held:
+        s.close()
 
 
 def test_silent_name_server_times_out_while_the_loop_serves(name_agent, nginx):
