@@ -8,8 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <climits>
 #include <cstdarg>
+#include <poll.h>
 #include <hiredis/async.h>
 #include <sys/socket.h>
 
@@ -60,6 +63,7 @@ int load_lbdb_cfg(const config_setting_t* setting, lbdb_cfg* lbq)
         {"cmd_tmout_ms", &lbq->cmd_tmout_ms, 0, 1, 3600000},
         {"reconnect_ms", &lbq->reconnect_ms, 0, 0, 3600000},
         {"max_pending", &lbq->max_pending, LBQ_D_MAX_PENDING, 0, LBQ_MAX_PENDING},
+        {"exit_drain_ms", &lbq->exit_drain_ms, 0, 0, 10000},
     };
     for (const auto& k : link_keys) {
         int v = k.dflt;
@@ -106,7 +110,7 @@ static constexpr size_t DEL_REPLY_LEN = 127;
 static lbdb_ctx g_ctx;
 static lbdb_cfg g_cfg; // what the module connected with
 // The link options of lbdb_set_link_opts(); they survive lbdb_destroy() like a configuration.
-static lbdb_cfg g_opts = {{}, 0, {}, {}, 0, 0, LBQ_D_MAX_PENDING};
+static lbdb_cfg g_opts = {{}, 0, {}, {}, 0, 0, LBQ_D_MAX_PENDING, 0};
 // The read time-out of the start-up connection, for its log line.
 static long g_sync_cmd_ms;
 static char g_add_reply[ADD_REPLY_LEN + 1];
@@ -641,6 +645,7 @@ struct lbdb_link {
     unsigned long drop_lines; // drop lines in that second
     unsigned long drop_quiet; // drops not logged one by one in that second
     unsigned long ndropped;   // all drops
+    unsigned long nreplies;   // replies received
 };
 
 lbdb_link g_link{};
@@ -723,6 +728,7 @@ void on_reply(redisAsyncContext*, void* r, void* privdata)
 {
     auto* c = static_cast<lbdb_cmd*>(privdata);
     sent_unlink(c);
+    g_link.nreplies += r ? 1 : 0;
     int status = LBQ_ST_REPLY;
     if (!r) {
         g_link.broken = true;
@@ -1102,6 +1108,39 @@ static void link_stop()
     g_link = lbdb_link{};
     g_link.io.fd = g_link.timer.fd = -1;
     g_link.armed_ms = -1;
+}
+
+void lbdb_drain(long max_ms)
+{
+    if (max_ms <= 0 || g_link.state != LINK_READY || g_link.broken || !g_link.ac)
+        return;
+    flush_queue();
+    const size_t asked = g_link.nsent;
+    const unsigned long replies = g_link.nreplies;
+    const long deadline = mono_ms() + max_ms;
+    // The loop no longer runs: the link's descriptor is waited on here, as the loop would.
+    while (g_link.ac && g_link.state == LINK_READY && !g_link.broken && g_link.nsent > 0) {
+        const long left = deadline - mono_ms();
+        if (left <= 0)
+            break;
+        redisAsyncContext* ac = g_link.ac;
+        pollfd p{ac->c.fd, POLLIN, 0};
+        if (g_link.io.interest & RQS_WRITE)
+            p.events |= POLLOUT;
+        const int n = poll(&p, 1, static_cast<int>(std::min<long>(left, INT_MAX)));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        if (p.revents & POLLOUT)
+            redisAsyncHandleWrite(ac);
+        if (g_link.ac && (p.revents & (POLLIN | POLLERR | POLLHUP)))
+            redisAsyncHandleRead(ac);
+    }
+    const unsigned long answered = g_link.nreplies - replies;
+    if (asked)
+        zlog(answered < asked ? L_WARN : L_INFO, "%s: %lu of %zu commands answered at shut-down\n",
+             "lbdb_drain", answered, asked);
 }
 
 bool lbdb_link_on()

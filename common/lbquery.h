@@ -43,10 +43,12 @@ struct lbdb_cfg {
     long cmd_tmout_ms; // time-out of one command; 0 when absent: the connect time-out
     long reconnect_ms; // first delay of reconnection on the loop; 0: no reconnection
     long max_pending;  // commands that may wait for the link on the loop
+    long exit_drain_ms; // at shut-down, how long what was sent may take to be answered; 0: not
+                        // waited for
 };
 
-// Reads the "host", "port", "connect_tmout_ms", "sha1_dir", "cmd_tmout_ms", "reconnect_ms" and
-// "max_pending" members of `setting` into `lbq`. 0, or -1 with an error line when the host or the
+// Reads the "host", "port", "connect_tmout_ms", "sha1_dir", "cmd_tmout_ms", "reconnect_ms",
+// "max_pending" and "exit_drain_ms" members of `setting` into `lbq`. 0, or -1 with an error line when the host or the
 // digest directory is missing, the port is negative or a time-out or the queue length is out of
 // range.
 [[nodiscard]] int load_lbdb_cfg(const config_setting_t* setting, lbdb_cfg* lbq);
@@ -77,6 +79,11 @@ const lbdb_cfg* lbdb_get_cfg();
 
 // The command time-out in effect for `cfg`: "cmd_tmout_ms", or the connect time-out without it.
 long lbdb_cmd_tmout_ms(const lbdb_cfg* cfg);
+
+// At shut-down, after the last commands were made: sends what waits for the link and gives the
+// commands sent up to `max_ms` to be answered, outside the event loop. Nothing when `max_ms` is 0
+// or the link is not ready; what is still unanswered afterwards is dropped by lbdb_destroy().
+void lbdb_drain(long max_ms);
 
 // Reads the digest files ("add_url.sha1", "del_url.sha1", "next_url.sha1", "mbget_url.sha1") of
 // the scripts named by `need_func` from `sha1_dir`. Must be called once on an idle module (a

@@ -295,8 +295,12 @@ void destroy_vesk_ctx()
     xvlst_reset(&g_ctx.tasks);
     skht_destroy(g_ctx.task_ht, nullptr);
     g_ctx.task_ht = nullptr;
-    if (g_cfg->lbdb.port > 0)
+    if (g_cfg->lbdb.port > 0) {
+        // The releases of the locks of orders that were still running, and registrations that
+        // were waiting, get their chance to go out before the link goes.
+        lbdb_drain(g_cfg->lbdb.exit_drain_ms);
         lbdb_destroy();
+    }
     g_ctx.is_ready = false;
     zlogf(L_INFO, "%s: OK\n");
 }

@@ -418,6 +418,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tReconnect              = %ld ms%s\n", cfg->lbdb.reconnect_ms,
                 cfg->lbdb.reconnect_ms > 0 ? "" : " (off)");
         fprintf(stream, "\tMax pending            = %ld\n", cfg->lbdb.max_pending);
+        if (cfg->lbdb.exit_drain_ms > 0)
+            fprintf(stream, "\tExit drain             = %ld ms\n", cfg->lbdb.exit_drain_ms);
     }
     fputs(k_dump_rule, stream);
 }

@@ -26,11 +26,11 @@ def slow_nginx(tmp_path):
         srv.stop()
 
 
-def fleet(agents, redis, n=3, **lbdb):
+def fleet(agents, redis, n=3, name="f", **lbdb):
     """Agents with locks in `redis`; each registers its files under a URL of its own."""
     made = []
     for i in range(n):
-        a = agents(f"f{i}").with_channel(lock_backend="redis")
+        a = agents(f"{name}{i}").with_channel(lock_backend="redis")
         made.append(a.with_registry(redis, f"http://127.0.0.1:{a.port}/data/", **lbdb).start())
     for a in made:
         a.wait_for_log(r"lbdb_link: link to .* ready")
@@ -168,3 +168,37 @@ def test_long_download_renews_its_lock_and_leaves_another_owner_alone(agents, re
     a.wait_for_log(r"udl_lock: invalid lock id \[a/b0\]")
     a.wait_for_log(r"udl_accept: \[a/b0\] request failed; url=\[")
     assert not (a.data_dir / "x.ts").exists() and lock_keys(redis) == [PREFIX + "o-lost.ts"]
+
+
+@pytest.mark.parametrize("drain_ms", [0, 2000], ids=["built_in", "drained"])
+def test_sigterm_releases_the_locks_of_running_orders_when_the_link_may_drain(agents, redis, slow_nginx,
+                                                                              drain_ms):
+    """Without a drain the lock of an order that was running at SIGTERM is left to lapse, as it
+    always was; with lbdb.exit_drain_ms its release goes out and is answered before the exit, so
+    that the order sent again is taken at once by another agent. A paused Redis holds the exit up
+    for the drain time at most."""
+    slow_nginx.put("seg/run.ts", b"r" * 14000)  # about 14 s at the source's rate
+    (a,) = fleet(agents, redis, n=1, **({"exit_drain_ms": drain_ms} if drain_ms else {}))
+    fan_out([a], slow_nginx, ["run.ts"])
+    a.wait_for_log(r"udl_lock: \[o-run\.ts\] locked as", timeout=5)
+    assert lock_keys(redis) == [PREFIX + "o-run.ts"]
+    assert a.stop() == 0
+    if not drain_ms:
+        assert lock_keys(redis) == [PREFIX + "o-run.ts"] and "lbdb_drain" not in a.log()
+        return
+    assert lock_keys(redis) == [] and not (a.data_dir / "seg/run.ts").exists()
+    assert "lbdb_drain: 1 of 1 commands answered at shut-down" in a.log()
+    assert "\tExit drain             = 2000 ms\n" in a.log()
+
+    # The same with Redis paused after the lock was taken: the release is sent but not answered.
+    (a,) = fleet(agents, redis, n=1, name="p", exit_drain_ms=drain_ms)
+    fan_out([a], slow_nginx, ["run.ts"])
+    a.wait_for_log(r"udl_lock: \[o-run\.ts\] locked as", timeout=5)
+    redis.proc.send_signal(signal.SIGSTOP)
+    try:
+        t0 = time.monotonic()
+        assert a.stop() == 0
+        assert 1.5 < time.monotonic() - t0 < 5
+    finally:
+        redis.proc.send_signal(signal.SIGCONT)
+    assert "lbdb_drain: 0 of 1 commands answered at shut-down" in a.log()

@@ -122,6 +122,8 @@ TEST_F(CfgTest, RefusedFiles)
          "load_lbdb_cfg: invalid lbdb.reconnect_ms value: -5 (allowed 0..3600000)\n"},
         {conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; max_pending = \"many\"; };"),
          "load_lbdb_cfg: lbdb.max_pending must be an integer\n"},
+        {conf("lbdb: { host = \"h\"; port = 1; sha1_dir = \"/d\"; exit_drain_ms = 10001; };"),
+         "load_lbdb_cfg: invalid lbdb.exit_drain_ms value: 10001 (allowed 0..10000)\n"},
         {conf("resolve_tmout_ms = 0;"),
          "load_config: invalid vesk.resolve_tmout_ms value: 0 (allowed 1..600000)\n"},
         {conf("resolve_tmout_ms = \"5s\";"),
