@@ -440,8 +440,9 @@ static void on_src_resolved(void* arg, int status, const char* const* addrs, siz
     ZASSERT(dw->tag.num == DOW_TAG && state_is(dw, "res"));
     int rc = -1;
     if (status == 0) {
+        constexpr size_t room = sizeof(dw->alt_addrs) / sizeof(dw->alt_addrs[0]);
         dw->nalt = 0;
-        for (size_t i = 1; i < naddrs && dw->nalt < sizeof(dw->alt_addrs) / sizeof(dw->alt_addrs[0]); ++i)
+        for (size_t i = 1; i < naddrs && dw->nalt < room; ++i)
             snprintf(dw->alt_addrs[dw->nalt++], sizeof(dw->alt_addrs[0]), "%s", addrs[i]);
         rc = open_source(dw, addrs[0]);
     } else
@@ -507,13 +508,10 @@ static int start_source(dw_task* dw, bool may_reuse)
     return open_source(dw, nullptr);
 }
 
-// A pooled connection that the source closed before it answered is not the download's failure:
-// the task starts over once on a new connection, and its client sees only the one answer. When
-// that cannot start, the client gets the 500 of a failed open (403 for a refused address) and the
-// task is listed for removal.
 // Drops the task's source connection and starts another: to `addr`, or when null as a new
-// download would (a look-up of a host name, then a connection). A failure to start ends the task
-// as any failed start does.
+// download would (a look-up of a host name, then a connection). When that cannot start, the
+// client gets the 500 of a failed open (403 for a refused address) and the task is listed for
+// removal.
 static void reconnect(dw_task* dw, const char* addr)
 {
     (void)rqs_rm_fd(dw->sfd, true, true);
@@ -528,6 +526,8 @@ static void reconnect(dw_task* dw, const char* addr)
     fail_source_start(dw, rc);
 }
 
+// A pooled connection that the source closed before it answered is not the download's failure:
+// the task starts over once on a new connection, and its client sees only the one answer.
 static void retry_on_new_source(dw_task* dw)
 {
     zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", dw->sfd);
