@@ -151,7 +151,6 @@ void log_flush(log_ctx* log, int level);
 // is full, or until the output changes, closes or the process aborts or exits; off writes what is
 // held. One log at a time can batch.
 void log_set_batching(log_ctx* log, bool on);
-bool log_batching(const log_ctx* log);
 // Writes the records held for `log`; the event loop calls it before it waits.
 void log_sync(const log_ctx* log);
 

@@ -173,11 +173,6 @@ void log_set_batching(log_ctx* log, bool on)
     s_batch_log = log;
 }
 
-bool log_batching(const log_ctx* log)
-{
-    return log->batch && s_batch_log == log;
-}
-
 void log_default(log_ctx* log, FILE* stream)
 {
     log_sync(log);
