@@ -441,7 +441,7 @@ static void on_src_resolved(void* arg, int status, const char* const* addrs, siz
     int rc = -1;
     if (status == 0) {
         constexpr size_t room = sizeof(dw->alt_addrs) / sizeof(dw->alt_addrs[0]);
-        dw->nalt = 0;
+        dw->nalt = dw->next_alt = 0;
         for (size_t i = 1; i < naddrs && dw->nalt < room; ++i)
             snprintf(dw->alt_addrs[dw->nalt++], sizeof(dw->alt_addrs[0]), "%s", addrs[i]);
         rc = open_source(dw, addrs[0]);
@@ -469,22 +469,19 @@ static int reuse_source(dw_task* dw)
     zlogf(L_DEBUG, "%s: fd%d reused for [%s]\n", fd, dw->spec.url);
     if (usock_http_get(fd, dw->spec.url, HTTP_RQ_KEEPALIVE) != 0) {
         zlogf(L_INFO, "%s: reused connection fd%d closed by the source, connecting anew\n", fd);
-        (void)rqs_rm_fd(fd, true, true);
-        usock_close(fd, &dw->sctx);
-        return -1;
-    }
-    if (rqs_mod(fd, dw, RQS_READ) != 0) {
+    } else if (rqs_mod(fd, dw, RQS_READ) != 0) {
         zlogf(L_ERR, "%s: rqs_mod(fd%d,..) failed for %s\n", fd, dw->spec.url);
-        (void)rqs_rm_fd(fd, true, true);
-        usock_close(fd, &dw->sctx);
-        return -1;
+    } else {
+        dw->sfd = fd;
+        dw->src_reused = true;
+        set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
+        set_dw_state(dw, dw_state("rsp"));
+        zlogf(L_DEBUG, "%s: awaiting response from %s\n", dw->spec.url);
+        return 0;
     }
-    dw->sfd = fd;
-    dw->src_reused = true;
-    set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);
-    set_dw_state(dw, dw_state("rsp"));
-    zlogf(L_DEBUG, "%s: awaiting response from %s\n", dw->spec.url);
-    return 0;
+    (void)rqs_rm_fd(fd, true, true);
+    usock_close(fd, &dw->sctx);
+    return -1;
 }
 
 // Sets the task on its way to its source: an idle pooled connection to the same host and port
@@ -538,12 +535,9 @@ static void retry_on_new_source(dw_task* dw)
 // reached): the next address the name resolved to is tried. False when there is none left.
 static bool try_next_address(dw_task* dw)
 {
-    if (dw->nalt == 0)
+    if (dw->next_alt >= dw->nalt)
         return false;
-    char addr[sizeof(dw->alt_addrs[0])];
-    memcpy(addr, dw->alt_addrs[0], sizeof(addr));
-    memmove(dw->alt_addrs[0], dw->alt_addrs[1], sizeof(dw->alt_addrs) - sizeof(dw->alt_addrs[0]));
-    dw->nalt -= 1;
+    const char* addr = dw->alt_addrs[dw->next_alt++];
     zlogf(L_INFO, "%s: [%s] no connection on fd%d, trying the next address %s\n", dw->spec.url,
           dw->sfd, addr);
     reconnect(dw, addr);

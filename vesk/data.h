@@ -91,10 +91,11 @@ struct dw_task {
     ino_t dfile_ino;  // later (an unfinished file that went stale is expired and made anew)
     bool src_reused;  // sfd came from the idle pool and has not yet given a byte of the answer
     bool src_keep;    // the source agreed to keep the connection: it may go back to the pool
-    // Further addresses of the source host, next first: one refusing the connection passes the
-    // task on to the next instead of failing it.
+    // Further addresses of the source host, in order: one refusing the connection passes the
+    // task on to the next (alt_addrs[next_alt]) instead of failing it.
     char alt_addrs[RSV_MAX_ADDRS - 1][INET6_ADDRSTRLEN];
     uint8_t nalt;
+    uint8_t next_alt;
 };
 
 // The request buffer of an HTTP download request.
