@@ -531,6 +531,14 @@ static void retry_on_new_source(dw_task* dw)
     reconnect(dw, nullptr);
 }
 
+bool retry_reused_source(dw_task* dw)
+{
+    if (!dw->src_reused)
+        return false;
+    retry_on_new_source(dw);
+    return true;
+}
+
 // A connection to one address of the source host was refused (or the address could not be
 // reached): the next address the name resolved to is tried. False when there is none left.
 static bool try_next_address(dw_task* dw)

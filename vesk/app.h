@@ -80,6 +80,10 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx);
 // Sends the GET and switches the socket to reading. Always 0: a failure answers the client 400
 // and lists the task for removal.
 int request_data_stream(dw_task* dw);
+// For a failure of the source connection before the first byte of the answer: when that
+// connection was taken from the pool, the task starts over once on a new one (a client that
+// cannot be served then gets the answer of a failed open) and true is returned; false otherwise.
+bool retry_reused_source(dw_task* dw);
 // Reads and judges the source's response head, creates the destination file and answers the
 // client. 0 (state "dnl"), 11 when the head is incomplete, otherwise an error code for which the
 // caller removes the task.

@@ -480,6 +480,10 @@ int on_read(int fd, int err, void* udata, void* aux)
         log_set_group(g_log, dw->trk_tag.sym8);
         if (screen_read_event(dw->sfd, err))
             return dw_read(dw);
+        // A source that closed an idle pooled connection just as the request went out resets it:
+        // the download starts over on a new connection instead of failing.
+        if (retry_reused_source(dw))
+            return 0;
         zlogf(L_ERR, "%s: task [%s] (%p) err=%d\n", dw->trk_tag.sym8, udata, err);
         // Before the GET went out the source was never reached; after it, it went away.
         const bool sent =

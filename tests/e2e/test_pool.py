@@ -2,6 +2,8 @@
 and port goes out on the connection an earlier one left, a connection the source closes while idle
 or just as a request goes out costs the download nothing, and no pooled socket outlives its use:
 the descriptor count comes back to idle."""
+import socket
+import struct
 import time
 
 import pytest
@@ -13,8 +15,9 @@ from peers import BadSource, Nginx
 class KeepAliveSource(BadSource):
     """A loopback HTTP/1.1 source that answers several requests per connection, as a web server
     does, and counts its connections. `script` maps the number of a request on its connection
-    (1, 2, ...) to "answer" (the default), "close" (close without an answer) or "silent" (send
-    nothing until the peer closes)."""
+    (1, 2, ...) to "answer" (the default), "close" (close without an answer), "reset" (close
+    with a reset, as a server does that closed the idle connection just before the request came)
+    or "silent" (send nothing until the peer closes)."""
 
     READ_TIMEOUT = 8.0  # a pooled connection waits idle for its next request
 
@@ -42,6 +45,9 @@ class KeepAliveSource(BadSource):
                     self.requests_on.append((number, head))
                 what = self.script.get(nth, "answer")
                 if what == "close":
+                    return
+                if what == "reset":
+                    conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                     return
                 if what == "silent":
                     self._read_head(conn)  # until the peer gives up
@@ -107,10 +113,11 @@ def test_downloads_from_one_source_share_a_connection(agent, source, pool_max, c
     assert agent.stop() == 0
 
 
-def test_connection_closed_as_the_request_goes_out_is_retried_once(agent, source):
-    # Every connection closes without an answer at its second request: the reused one fails, the
+@pytest.mark.parametrize("end", ["close", "reset"])
+def test_connection_closed_as_the_request_goes_out_is_retried_once(agent, source, end):
+    # Every connection ends without an answer at its second request: the reused one fails, the
     # new one answers (it is its first request), and the client sees only the 200.
-    src = source({2: "close"})
+    src = source({2: end})
     pooled_agent(agent)
     idle_fds = agent.fds()
     fetch(agent, src, 1)
