@@ -9,6 +9,9 @@
 //   LIST has one order a line: the source URL, a space, the request target for the agent.
 // Prints `seconds S` (first connect to last file complete) and exits 0 when every order
 // succeeded; otherwise prints `failed K of N` and the first failures, and exits 1.
+// Orders go out as HTTP/1.1 without "Connection: close": a listener with keep_alive answers them
+// with a Content-Length and keeps the connection, which then carries the next order; otherwise
+// the agent closes it after the answer and the next order connects anew.
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -24,6 +27,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
 #include <unordered_map>
 #include <vector>
 
@@ -40,10 +44,13 @@ constexpr int LOG_POLL_MS = 2;
 // 0.24 s; a listener whose backlog holds all the orders in flight needs no bound (0).
 constexpr double START_BURST = 64, DEFAULT_STARTS_PER_S = 8000;
 
+// Epoll data of an idle kept connection: no order owns it.
+constexpr uint32_t IDLE = UINT32_MAX;
+
 struct Order {
     std::string url, text, head, failed;
     int fd = -1;
-    bool sent = false, answered = false, on_disk = false;
+    bool sent = false, answered = false, on_disk = false, reused = false;
 
     bool finished() const { return !failed.empty() || (answered && on_disk); }
 };
@@ -58,6 +65,7 @@ double now_s()
 struct Drive {
     std::vector<Order> orders;
     std::unordered_map<std::string_view, size_t> by_url;
+    std::vector<int> idle;  // kept connections waiting for an order
     int ep = -1, log_fd = -1;
     uint16_t port = 0;
     size_t in_flight = 0, finished = 0;
@@ -90,10 +98,35 @@ struct Drive {
         settle(o);
     }
 
-    void start(size_t idx)
+    // Sends the order on an idle kept connection; false when none is left.
+    bool reuse(size_t idx)
     {
         Order& o = orders[idx];
+        while (!idle.empty()) {
+            o.fd = idle.back();
+            idle.pop_back();
+            if (send(o.fd, o.text.data(), o.text.size(), MSG_NOSIGNAL) == ssize_t(o.text.size())) {
+                o.sent = o.reused = true;
+                watch(idx, EPOLLIN, EPOLL_CTL_MOD);
+                return true;
+            }
+            close(o.fd);
+        }
+        o.fd = -1;
+        return false;
+    }
+
+    void start(size_t idx)
+    {
         ++in_flight;
+        if (reuse(idx))
+            return;
+        connect_order(idx);
+    }
+
+    void connect_order(size_t idx)
+    {
+        Order& o = orders[idx];
         o.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (o.fd < 0) {
             fail(o, std::string("socket: ") + strerror(errno));
@@ -117,8 +150,27 @@ struct Drive {
     {
         epoll_event ev{};
         ev.events = events;
-        ev.data.u32 = uint32_t(idx);
+        ev.data.u64 = uint64_t(uint32_t(orders[idx].fd)) << 32 | uint32_t(idx);
         epoll_ctl(ep, op, orders[idx].fd, &ev);
+    }
+
+    // The agent closed an idle kept connection (its request time-out): forget it.
+    void on_idle(int fd)
+    {
+        auto it = std::find(idle.begin(), idle.end(), fd);
+        if (it != idle.end()) {
+            idle.erase(it);
+            close(fd);
+        }
+    }
+
+    void on_event(uint64_t data)
+    {
+        const auto idx = uint32_t(data);
+        if (idx == IDLE)
+            on_idle(int(data >> 32));
+        else
+            on_socket(idx);
     }
 
     void on_socket(size_t idx)
@@ -144,22 +196,45 @@ struct Drive {
             return;
         }
         char buf[4096];
+        bool kept = false;
         for (;;) {
             ssize_t n = recv(o.fd, buf, sizeof buf, 0);
             if (n > 0) {
-                if (o.head.size() < 256)
-                    o.head.append(buf, size_t(n) < 256 ? size_t(n) : 256);
+                if (o.head.size() < 1024)
+                    o.head.append(buf, size_t(n));
+                // A kept answer ends with its head (Content-Length: 0): the connection is free.
+                if (o.head.find("\r\n\r\n") != o.head.npos &&
+                    o.head.find("\r\nContent-Length: 0\r\n") != o.head.npos) {
+                    kept = true;
+                    break;
+                }
                 continue;
             }
             if (n < 0 && (errno == EAGAIN || errno == EINTR))
                 return;
+            if (o.head.empty() && o.reused) {
+                // The agent closed the kept connection as the order went out: ask anew.
+                close_order(o);
+                o.reused = o.sent = false;
+                connect_order(size_t(&o - orders.data()));
+                return;
+            }
             if (n < 0 && o.head.empty()) {
                 fail(o, std::string("recv: ") + strerror(errno));
                 return;
             }
             break;  // the agent closes the connection after its one answer
         }
-        close_order(o);
+        if (kept) {
+            epoll_event ev{};
+            ev.events = EPOLLIN;
+            ev.data.u64 = uint64_t(uint32_t(o.fd)) << 32 | IDLE;
+            epoll_ctl(ep, EPOLL_CTL_MOD, o.fd, &ev);
+            idle.push_back(o.fd);
+            o.fd = -1;
+        } else {
+            close_order(o);
+        }
         std::string_view line(o.head);
         line = line.substr(0, line.find("\r\n"));
         if (line.size() < 12 || line.substr(0, 7) != "HTTP/1." || line.substr(8, 5) != " 200 ") {
@@ -280,7 +355,7 @@ int main(int argc, char** argv)
             d.start(next++);
         int n = epoll_wait(d.ep, evs.data(), int(evs.size()), LOG_POLL_MS);
         for (int i = 0; i < n; ++i)
-            d.on_socket(evs[size_t(i)].data.u32);
+            d.on_event(evs[size_t(i)].data.u64);
         d.read_log();
     }
     size_t failed = 0;

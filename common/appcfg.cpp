@@ -23,6 +23,19 @@ static bool lookup_bool(const config_setting_t* setting, const char* key, bool d
     return value != 0;
 }
 
+// Reads a member that must be true or false when present; an absent one leaves `*value` as it is.
+// False when the member is there but not a boolean: the caller says which key it was.
+static bool lookup_strict_bool(const config_setting_t* setting, const char* key, bool* value)
+{
+    const config_setting_t* b = config_setting_get_member(setting, key);
+    if (!b)
+        return true;
+    if (config_setting_type(b) != CONFIG_TYPE_BOOL)
+        return false;
+    *value = config_setting_get_bool(b) != 0;
+    return true;
+}
+
 static int lookup_int(const config_setting_t* setting, const char* key, int dflt)
 {
     int value = 0;
@@ -81,12 +94,9 @@ int load_log_config(const config_setting_t* setting, log_cfg* cfg)
     // Off unless asked for: a record is written the moment it is made, so that a crash the
     // logger cannot see (a segmentation fault, a kill) loses nothing.
     cfg->batch_writes = false;
-    if (const config_setting_t* b = config_setting_get_member(setting, "batch_writes")) {
-        if (config_setting_type(b) != CONFIG_TYPE_BOOL) {
-            fprintf(stderr, "Invalid log batch_writes: must be true or false\n");
-            return -1;
-        }
-        cfg->batch_writes = config_setting_get_bool(b) != 0;
+    if (!lookup_strict_bool(setting, "batch_writes", &cfg->batch_writes)) {
+        fprintf(stderr, "Invalid log batch_writes: must be true or false\n");
+        return -1;
     }
     return 0;
 }
@@ -173,9 +183,18 @@ static int load_listener_port(const config_setting_t* setting, rui_listener_cfg*
     return 0;
 }
 
+// The group a listener stands in ("web_input", "admin_input"), for its errors: a listener of a
+// list has no name of its own.
+static const char* listener_group(const config_setting_t* setting)
+{
+    const char* group = config_setting_name(setting);
+    if (!group && config_setting_parent(setting))
+        group = config_setting_name(config_setting_parent(setting));
+    return group ? group : "web_input";
+}
+
 // Reads the listener's integer `key` into `*value`, which keeps `dflt` when the key is absent; a
-// value outside lo..hi is refused. The error names the group the listener stands in
-// ("web_input", "admin_input"): a listener of a list has no name of its own.
+// value outside lo..hi is refused.
 static int load_listener_int(const config_setting_t* setting, const char* key, int dflt, int lo,
                              int hi, int* value)
 {
@@ -184,11 +203,8 @@ static int load_listener_int(const config_setting_t* setting, const char* key, i
     if (config_setting_lookup_int(setting, key, &num) != CONFIG_TRUE)
         return 0;
     if (num < lo || num > hi) {
-        const char* group = config_setting_name(setting);
-        if (!group && config_setting_parent(setting))
-            group = config_setting_name(config_setting_parent(setting));
         zlog(L_ERR, "%s: %s.%s = %d is out of range (%d..%d)\n", "load_listener_from",
-             group ? group : "web_input", key, num, lo, hi);
+             listener_group(setting), key, num, lo, hi);
         return -1;
     }
     *value = num;
@@ -206,6 +222,12 @@ static int load_listener_body(const config_setting_t* setting, rui_listener_cfg*
         load_listener_int(setting, "backlog", RUI_DEFAULT_BACKLOG, 1, RUI_MAX_BACKLOG, &l->backlog))
         return -1;
     l->max_queued = static_cast<size_t>(max_queued);
+    // Off unless asked for: then every connection carries one request and is closed after it.
+    if (!lookup_strict_bool(setting, "keep_alive", &l->keep_alive)) {
+        zlog(L_ERR, "%s: %s.keep_alive must be true or false\n", "load_listener_from",
+             listener_group(setting));
+        return -1;
+    }
     char text[16];
     if (load_config_setting_str(setting, "protocol", text, 15, "tcp"))
         return -1;
@@ -379,6 +401,8 @@ void dump_listener(FILE* stream, const char* kind_name, const rui_listener_cfg* 
                 l->ifc ? l->ifc->name : "<anyaddr>", af_name(l->pref_af), l->port);
     if (l->backlog && l->backlog != RUI_DEFAULT_BACKLOG)
         fprintf(stream, "\t%s listener[%s]: backlog=%d\n", kind_name, l->alias, l->backlog);
+    if (l->keep_alive)
+        fprintf(stream, "\t%s listener[%s]: keep_alive=yes\n", kind_name, l->alias);
 }
 
 // Prints the valid listeners of one type up to the first invalid slot; returns how many.

@@ -58,6 +58,8 @@ struct rui_listener_cfg {
                          // RUI_DEFAULT_QUEUED
     int backlog;         // connections the kernel queues before they are accepted; 0 (a
                          // listener from the command line) is the built-in 128
+    bool keep_alive;     // a web client answered 200 or 204 may send its next request on the
+                         // same connection; false: one request per connection
 };
 
 struct rui_cfg {

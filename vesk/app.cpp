@@ -552,7 +552,7 @@ static bool try_next_address(dw_task* dw)
     return true;
 }
 
-int mk_dw_task(int cfd, const dw_spec* spec)
+int mk_dw_task(int cfd, const dw_spec* spec, dw_keep keep)
 {
     zlogf(L_DEBUG, "%s: fd%d url=[%s]\n", cfd, spec->url);
     ZASSERT(g_ctx.task_ht);
@@ -580,6 +580,7 @@ int mk_dw_task(int cfd, const dw_spec* spec)
         // The task answers later through the request's own socket: the request hands it over
         // when this call succeeds (a duplicate would cost a dup and a close per download).
         dw->cfd = cfd;
+        dw->ckeep = keep;
         zlogf(L_DEBUG, "%s: client cfd%d created\n", dw->cfd);
     }
     if (const int rc = start_source(dw, true)) {
@@ -617,15 +618,21 @@ static bool owns_dfile(const dw_task* dw)
            st.st_ino == dw->dfile_ino;
 }
 
-// Sends the chosen response to the client and closes the client socket.
+// Sends the chosen response to the client and closes the client socket, or gives it back to its
+// listener when the client keeps it for the next request.
 static void answer_client(dw_task* dw)
 {
     ZASSERT(dw->cfd >= 0);
     dw->hresp->server = get_app_tag(g_app_name);
     zlogf(L_DEBUG, "%s: sending response to client fd%d\n", dw->cfd);
-    if (send_http_response(dw->cfd, dw->hresp) == 0) {
+    if (send_answer(dw->cfd, dw->hresp, dw->ckeep) == 0) {
         mtr_answer(dw->hresp->code);
         zlogf(L_DEBUG, "%s: HTTP%d response sent to fd%d\n", dw->hresp->code, dw->cfd);
+        if (keeps_client(dw->hresp, dw->ckeep) && urq_keep_client(dw->cfd, dw->ckeep)) {
+            zlogf(L_DEBUG, "%s: fd%d client connection kept\n", dw->cfd);
+            dw->cfd = -1;
+            return;
+        }
     } else {
         ++g_mtr.clients_gone;
     }

@@ -41,7 +41,8 @@ int raise_nofile_limit(size_t max_tasks);
 // ---- Tasks ----
 
 // Starts the download the order describes. `cfd` is the requesting client's socket or negative
-// when no client waits. On 0 the socket is the task's, which answers and closes it: the caller
+// when no client waits. On 0 the socket is the task's, which answers and closes it (or, as
+// `keep` says, gives it back to its listener after a 200): the caller
 // must give it up at once (rui_detach_fd) and not touch it again. On failure it stays the
 // caller's. 0 when started; -1 over the task limit or when the source cannot be opened or
 // registered; 13 when the source's address is refused by src_addr_allowed; 17 when the same URL
@@ -49,7 +50,7 @@ int raise_nofile_limit(size_t max_tasks);
 // given by name is looked up on the loop first (state "res"): a name that does not resolve then
 // fails the started task, which answers its client 500 as a failed open would have, and an
 // address refused by src_addr_allowed answers it 403.
-[[nodiscard]] int mk_dw_task(int cfd, const dw_spec* spec);
+[[nodiscard]] int mk_dw_task(int cfd, const dw_spec* spec, dw_keep keep = {});
 // Takes a slot, fills it from the order and hashes its key. The task, or null (logged).
 dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag);
 // The task downloading the scheme-less URL `key`, or null.

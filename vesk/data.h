@@ -62,6 +62,12 @@ struct dw_spec {
     char dst_path[DW_DST_LEN]; // path relative to the data directory (the segment id)
 };
 
+// Where a client connection goes after a 200 or 204 when its listener and the client keep it open.
+struct dw_keep {
+    rui_socket_ctx* srv; // the listener that takes it back; null: closed after the answer
+    bool http10;         // the client speaks HTTP/1.0: its answer says "Connection: keep-alive"
+};
+
 // One download. Lives by value in a fixed slot of vesk_ctx::tasks, so its address is stable.
 struct dw_task {
     n32_tag tag; // "DOW"; first character "#" once freed
@@ -72,6 +78,7 @@ struct dw_task {
     usock_ctx sctx;       // source socket context
     int dfd;              // destination file, -1 when none
     int cfd;              // the client socket, -1 without client or once answered
+    dw_keep ckeep;        // where cfd goes after a 200 answer
     size_t content_length; // announced by the source
     size_t nleft;          // bytes still to receive
     off_t f_pos;           // bytes written so far
@@ -104,8 +111,11 @@ struct http_rq {
     size_t hlen; // capacity of hbuf
     size_t hpos; // bytes received; hbuf[hpos] is always NUL
     http_header header;
-    bool is_keep_alive; // not used: one request per connection
+    bool is_keep_alive; // the connection is kept for the client's next request after a 200 or
+                        // 204 (set once the head is parsed; see dw_keep)
+    bool pipelined;     // bytes behind the head were dropped: an answer alone would strand them
 };
+
 
 // One HTTP download request connection. The leading fields mirror rui_rq_header so that the
 // listener manager can queue it.
@@ -123,6 +133,7 @@ struct dw_urq {
     timespec wait_start_tm;
     n32_tag state; // "INI", "RD" or "QUI"
     ssize_t pprm_idx;
+    bool kept;     // the connection carried an answered request before this one
 };
 static_assert(offsetof(dw_urq, tag) == offsetof(rui_rq_header, tag) &&
               offsetof(dw_urq, prev) == offsetof(rui_rq_header, prev) &&

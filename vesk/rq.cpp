@@ -76,11 +76,54 @@ private:
     char saved_[sizeof(n64_tag)] = {};
 };
 
+// Passed to the listener with a connection that is queued again after an answer.
+char s_kept_marker;
+
+// Whether the client of a parsed request may send its next one on the same connection: its
+// listener says so, its head does not ask for a close (HTTP/1.0 must ask for keep-alive), and no
+// bytes behind the head were dropped, since the client would wait for their answer.
+dw_keep client_keep(const dw_urq* urq)
+{
+    const http_header& h = urq->hrq.header;
+    if (!urq->srv->lc || !urq->srv->lc->keep_alive || urq->hrq.pipelined)
+        return {};
+    if (h.is_keep_alive || (!h.is_http10 && !h.is_close))
+        return {urq->srv, h.is_http10};
+    return {};
+}
+
 } // namespace
+
+bool keeps_client(const http_response* r, const dw_keep& keep)
+{
+    return keep.srv && (r->code == 200 || r->code == 204) && !r->fpath;
+}
+
+int send_answer(int fd, const http_response* r, const dw_keep& keep)
+{
+    if (!keeps_client(r, keep))
+        return send_http_response(fd, r);
+    // The client reads the next answer from the same stream: this one must show its end without
+    // a close. A 204 ends with its head by definition.
+    http_response k = *r;
+    if (k.code != 204 && k.content_length < 0)
+        k.content_length = 0;
+    if (keep.http10)
+        k.connection = "keep-alive";
+    return send_http_response(fd, &k);
+}
+
+bool urq_keep_client(int fd, const dw_keep& keep)
+{
+    rui_socket_ctx* srv = keep.srv;
+    if (g_quit || !srv || srv->tag.num != RSC_TAG || !srv->requests)
+        return false;
+    return rui_add_request(fd, srv, &s_kept_marker) == 0;
+}
 
 rui_socket_cb urq_cb = {{DW_URQ}, urq_new, urq_rm, urq_timeout};
 
-void* urq_new(int sockfd, rui_socket_ctx* srv, void* /*arg*/)
+void* urq_new(int sockfd, rui_socket_ctx* srv, void* arg)
 {
     auto* urq = static_cast<dw_urq*>(W_calloc(__func__, 1, sizeof(dw_urq)));
     if (!urq)
@@ -90,6 +133,7 @@ void* urq_new(int sockfd, rui_socket_ctx* srv, void* /*arg*/)
     urq->sockfd = sockfd;
     urq->srv = srv;
     urq->pprm_idx = -1;
+    urq->kept = arg == &s_kept_marker;
     set_timeout(URQ_TMOUT, URQ_TMOUT_MS);
     mk_trk_tag(&srv->rqcount, &urq->trk_tag, 'u', URQ_TRK_MAX);
     zlog(L_INFO, "%s [%s] (%p) created\n", urq->tag.sym4, urq->trk_tag.sym8,
@@ -123,6 +167,13 @@ int urq_timeout(void* rq, u_int tmout_ms)
                           static_cast<long>(tmout_ms % 1000) * 1000000L};
     if (!timed_out(&urq->wait_start_tm, &tmo))
         return 0;
+    if (urq->kept && urq->hrq.hpos == 0) {
+        // A kept connection that the client leaves idle is closed without fuss: nothing was asked.
+        zlogf(L_INFO, "%s: %s [%s] (%p) idle kept-alive connection closed\n", urq->tag.sym4,
+              urq->trk_tag.sym8, rq);
+        pprm_urq(urq);
+        return 1;
+    }
     const timespec* now = rqs_now_ref();
     zlogf(L_WARN, "%s: TIME-OUT %s [%s] (%p) start-tm: %lu.%lu, now=%lu.%lu\n", urq->tag.sym4,
           urq->trk_tag.sym8, rq, static_cast<unsigned long>(urq->wait_start_tm.tv_sec),
@@ -153,16 +204,21 @@ int urq_read(dw_urq* urq)
     }
     if (rc == 104) {
         // The client is gone: nothing can be answered, and no later event of this batch can
-        // refer to the request, since its descriptor leaves the loop right here.
-        ++g_mtr.clients_gone;
+        // refer to the request, since its descriptor leaves the loop right here. Closing a kept
+        // connection between requests is how a client says goodbye, not a lost answer.
+        if (!urq->kept || urq->hrq.hpos > 0)
+            ++g_mtr.clients_gone;
         rui_rm_request(urq);
         return 0;
     }
+    dw_keep keep{};
     if (rc != 0) {
         urq->hresp = &g_resp_err;
     } else {
         dw_spec spec{};
         rc = parse_dw_get(urq, &spec);
+        keep = client_keep(urq);
+        urq->hrq.is_keep_alive = keep.srv != nullptr;
         if (rc == WEB_NO_PATH) {
             zlogf(L_INFO, "%s: PONG!\n");
             urq->hresp = &g_resp_ok204;
@@ -183,7 +239,7 @@ int urq_read(dw_urq* urq)
                 (void)add_lbdb_url(&spec);
             }
             urq->hresp = &g_resp_ok;
-        } else if ((rc = mk_dw_task(urq->sockfd, &spec)) == 0) {
+        } else if ((rc = mk_dw_task(urq->sockfd, &spec, keep)) == 0) {
             // The task answers later through the socket, which is now its own.
             rui_detach_fd(urq);
             must_answer = false;
@@ -197,10 +253,19 @@ int urq_read(dw_urq* urq)
             urq->hresp = &g_resp_err;
         if (!urq->hresp->server || !urq->hresp->server[0])
             urq->hresp->server = get_app_tag(g_app_name);
-        if (send_http_response(urq->sockfd, urq->hresp) == 0)
+        if (send_answer(urq->sockfd, urq->hresp, keep) == 0) {
             mtr_answer(urq->hresp->code);
-        else
+            if (keeps_client(urq->hresp, keep)) {
+                // The connection leaves this request, which is retired as usual, and waits for
+                // the next one as a new request of the listener.
+                const int fd = urq->sockfd;
+                rui_detach_fd(urq);
+                if (!urq_keep_client(fd, keep))
+                    (void)W_close(__func__, fd);
+            }
+        } else {
             ++g_mtr.clients_gone;
+        }
     }
     urq_set_state(urq, mk_state(ST_QUI));
     pprm_urq(urq);
@@ -242,7 +307,10 @@ int read_http_rq(dw_urq* urq)
             const int err = errno;
             if (n < 0 && err == EAGAIN)
                 return 11;
-            if ((n == 0 && err == EAGAIN) || err == ECONNRESET) {
+            // A kept connection that ends before a byte of its next request is the client's
+            // goodbye, whatever errno holds; an end of a fresh one is answered as before.
+            const bool goodbye = n == 0 && urq->kept && rq->hpos == 0;
+            if ((n == 0 && err == EAGAIN) || goodbye || err == ECONNRESET) {
                 zlogf(L_INFO, "%s: client fd=%d closed connection\n", urq->sockfd);
                 return 104;
             }
@@ -254,8 +322,9 @@ int read_http_rq(dw_urq* urq)
               tail > 0 ? "complete" : "partial", static_cast<long>(rq->hpos), rq->hbuf);
     }
 
-    // One request per connection: a body or a pipelined request behind the head is dropped.
+    // One request per head: a body or a pipelined request behind it is dropped.
     if (static_cast<size_t>(tail) < rq->hpos) {
+        rq->pipelined = true;
         zlogf(L_WARN, "%s: request has tail data, dismissing the tail\n");
         rq->hpos = static_cast<size_t>(tail);
         rq->hbuf[rq->hpos] = '\0';

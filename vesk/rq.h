@@ -18,7 +18,7 @@ extern rui_socket_cb urq_cb;
 
 // Creates the request for the accepted client socket `sockfd` (tag "URQ", state "INI") and takes a
 // URQ_TMOUT lock in the time-out registry. Returns the dw_urq, or null without memory. `arg` is
-// not used.
+// null for a new connection; urq_keep_client passes its own marker for a kept one.
 void* urq_new(int sockfd, rui_socket_ctx* srv, void* arg);
 // Frees a dw_urq: closes its socket unless the listener manager already did, frees the head
 // buffer, clears the tag and releases the time-out lock.
@@ -31,6 +31,18 @@ int urq_timeout(void* rq, u_int tmout_ms);
 // answers it (or starts a task that will) and lists it for removal; a client that closed is
 // removed at once, so the caller must not touch `urq` afterwards.
 int urq_read(dw_urq* urq);
+// Whether a client answered with `r` keeps its connection: a 200 or 204 without a body file, to a
+// client that `keep` lets stay (see dw_keep).
+bool keeps_client(const http_response* r, const dw_keep& keep);
+// Sends `r` to the client on `fd` (send_http_response's result). When the connection is kept, the
+// answer shows its end without a close: a Content-Length of 0 unless it is a 204, and
+// "Connection: keep-alive" for an HTTP/1.0 client.
+int send_answer(int fd, const http_response* r, const dw_keep& keep);
+// Queues an answered, kept connection on its listener as a new request, which waits for the
+// client's next head under the request time-out. True when queued; false when the listener is
+// gone or holds its limit or the agent is quitting, and the caller closes `fd`.
+bool urq_keep_client(int fd, const dw_keep& keep);
+
 // Error-event handler: logs the socket's pending error and lists the request for removal.
 void urq_error(dw_urq* urq, bool is_hup);
 

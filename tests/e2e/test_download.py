@@ -5,6 +5,7 @@ import re
 import resource
 import signal
 import socket
+import subprocess
 import time
 from pathlib import Path
 
@@ -81,6 +82,106 @@ def test_request_head_in_pieces(agent, bad_source):
     agent.wait_for_log(r"downloaded: ")
     assert re.search(r"\(WRN\).*request has tail data, dismissing the tail\n", agent.log())
     assert (agent.data_dir / "p.ts").read_bytes() == b"p" * 500
+
+
+# ---- Kept client connections ------------------------------------------------------------------
+
+def answer_head(s):
+    """Reads one answer head (up to its blank line) from `s`; b"" when the agent closed first."""
+    got = b""
+    while b"\r\n\r\n" not in got:
+        chunk = s.recv(1)  # byte by byte: what follows the head must stay in the socket
+        if not chunk:
+            return got
+        got += chunk
+    return got
+
+
+def get_text(path, *lines, version="1.1"):
+    return "\r\n".join([f"GET {path} HTTP/{version}", "Host: 127.0.0.1", *lines, "", ""]).encode()
+
+
+def test_one_request_per_connection_unless_the_listener_keeps_it(agent, nginx):
+    """Without keep_alive a client that asks to keep its connection still gets one answer and a
+    close, with the answer as it always was."""
+    nginx.put("a.ts", BODY)
+    agent.start()
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(get_text(dl_path(nginx.url("a.ts"), "a.ts"), "Connection: keep-alive"))
+        head = read_all(s)
+    assert head == f"HTTP/1.1 200 OK\r\nServer: {AGENT_TAG}\r\n\r\n".encode(), head
+    agent.wait_for_log(r"downloaded: ")
+    assert (agent.data_dir / "a.ts").read_bytes() == BODY
+
+
+def test_kept_connection_carries_requests_until_the_client_or_an_error_ends_it(agent, nginx):
+    for n in "abcdefgh":
+        nginx.put(f"{n}.ts", BODY + n.encode())
+    agent.vesk["web_input"][0]["keep_alive"] = True
+    agent.vesk["urq_tmout_sec"] = 1
+    agent.with_admin().start()
+    idle = agent.fds()
+    url = lambda n: dl_path(nginx.url(f"{n}.ts"), f"{n}.ts")
+    gone = lambda: Scrape(agent)("vsk_http_clients_gone_total")
+
+    # Downloads and a ping on one connection, each answer showing its end; then the client closes.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        for path in (url("a"), "/", url("b")):
+            s.sendall(get_text(path))
+            head = answer_head(s)
+            if path == "/":
+                assert head.startswith(b"HTTP/1.1 204 No Content\r\n") and b"Content-Length" not in head, head
+            else:
+                assert head == f"HTTP/1.1 200 OK\r\nServer: {AGENT_TAG}\r\nContent-Length: 0\r\n\r\n".encode(), head
+    agent.wait_for_log(r"client fd=\d+ closed connection")
+    # A request that asks for the close gets it after its answer.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(get_text(url("c"), "Connection: close"))
+        assert status_of(read_all(s)) == "HTTP/1.1 200 OK"
+    # An HTTP/1.0 client is kept only when it asks, and is told so.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(get_text(url("d"), "Connection: keep-alive", version="1.0"))
+        head = answer_head(s)
+        assert head.endswith(b"\r\nContent-Length: 0\r\nConnection: keep-alive\r\n\r\n"), head
+        s.sendall(get_text(url("e"), version="1.0"))
+        assert status_of(read_all(s)) == "HTTP/1.1 200 OK"
+    # Two requests in one write: the second would wait for an answer that never comes, so the
+    # first one's answer ends the connection.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(get_text(url("f")) + get_text(url("g")))
+        assert status_of(read_all(s)) == "HTTP/1.1 200 OK"
+    agent.wait_for_log(r"request has tail data, dismissing the tail")
+    # A refused request ends the connection too.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=5) as s:
+        s.sendall(get_text("/src/ftp://x/y.ts/dst/y.ts"))
+        assert status_of(read_all(s)).startswith("HTTP/1.1 4")
+    agent.wait_for_log(r"TASK-END ", count=6)
+    for n in "abcdef":
+        assert (agent.data_dir / f"{n}.ts").read_bytes() == BODY + n.encode(), n
+    assert not (agent.data_dir / "g.ts").exists()
+    # The client that closed between its requests is neither answered nor counted as one that
+    # lost its answer; the refused request is the one 4xx.
+    assert gone() == 0
+    assert Scrape(agent)("vsk_http_answers_total", code="500") == 0
+
+    # A kept connection left idle is closed after the request time-out, quietly.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=8) as s:
+        s.sendall(get_text(url("h")))
+        assert status_of(answer_head(s)) == "HTTP/1.1 200 OK"
+        t0 = time.monotonic()
+        assert read_all(s) == b""
+        assert 0.5 < time.monotonic() - t0 < 6
+    agent.wait_for_log(r"idle kept-alive connection closed")
+    assert "TIME-OUT" not in agent.log() and gone() == 0
+    assert agent.wait_fds(idle) == idle
+
+    # A client that reuses connections by itself (curl with several URLs) does so.
+    r = subprocess.run(["curl", "-sv", "-o", "/dev/null", "-o", "/dev/null",
+                        f"http://127.0.0.1:{agent.port}{url('g')}", f"http://127.0.0.1:{agent.port}/"],
+                       capture_output=True, text=True, timeout=15)
+    assert r.returncode == 0 and re.search(r"Re-?using existing", r.stderr, re.I), r.stderr
+    agent.wait_for_log(r"downloaded: \d+ bytes, \[[^]]*g\.ts\]")
+    assert (agent.data_dir / "g.ts").read_bytes() == BODY + b"g"
 
 
 # ---- Segment registry ---------------------------------------------------------------------------
