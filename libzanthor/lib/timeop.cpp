@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "rqs.h"
 
@@ -130,40 +131,61 @@ ssize_t mk_timestr(const struct timespec* tms, uint32_t flags, char* buf, size_t
         return -35;
     g_timestr_busy = 1;
 
-    struct tm tmv;
-    time_t secs = tms->tv_sec;
-    const struct tm* ok =
-        (flags & f_GMT_TIME) ? gmtime_r(&secs, &tmv) : localtime_r(&secs, &tmv);
-    if (ok == nullptr) {
-        perror("gmtime_r/localtime_r");
-        g_timestr_busy = 0;
-        return -1;
+    // Records come many to a second: the date and time of the current second are formatted once
+    // and only the microseconds anew. The busy flag keeps a signal handler out of this cache.
+    static time_t s_secs = -1;
+    static bool s_gmt = false;
+    static char s_prefix[32];
+    static size_t s_plen = 0;
+    const bool gmt = (flags & f_GMT_TIME) != 0;
+    if (tms->tv_sec != s_secs || gmt != s_gmt) {
+        struct tm tmv;
+        time_t secs = tms->tv_sec;
+        const struct tm* ok = gmt ? gmtime_r(&secs, &tmv) : localtime_r(&secs, &tmv);
+        if (ok == nullptr) {
+            perror("gmtime_r/localtime_r");
+            g_timestr_busy = 0;
+            return -1;
+        }
+        const int pn = snprintf(s_prefix, sizeof(s_prefix), "%04d-%02d-%02d %02d:%02d:%02d",
+                                tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour,
+                                tmv.tm_min, tmv.tm_sec);
+        if (pn < 0 || static_cast<size_t>(pn) >= sizeof(s_prefix)) {
+            s_secs = -1;
+            g_timestr_busy = 0;
+            return -1;
+        }
+        s_plen = static_cast<size_t>(pn);
+        s_secs = tms->tv_sec;
+        s_gmt = gmt;
     }
 
     // The zone suffix is the local zone's name even for UTC fields; log readers match this form.
     const char* tz = get_timezone(false);
     if (tz == nullptr)
         tz = "";
-
-    int n;
-    if (flags & f_FMT_SECONDS) {
-        n = snprintf(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d%s", tmv.tm_year + 1900,
-                     tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, tz);
-    } else {
-        n = snprintf(buf, buflen, "%04d-%02d-%02d %02d:%02d:%02d.%06ld%s", tmv.tm_year + 1900,
-                     tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
-                     static_cast<long>(tms->tv_nsec / 1000), tz);
-    }
-    g_timestr_busy = 0;
-
-    if (n < 0)
-        return -1;
-    if (static_cast<size_t>(n) >= buflen) {
-        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n + 1,
+    const size_t tzlen = strlen(tz);
+    const bool fraction = (flags & f_FMT_SECONDS) == 0;
+    const size_t n = s_plen + (fraction ? 7 : 0) + tzlen;
+    if (n >= buflen) {
+        g_timestr_busy = 0;
+        fprintf(stderr, "%s: timestamp buffer needs %zu bytes, only %ld provided\n", __func__, n + 1,
                 static_cast<long>(buflen));
         return -1;
     }
-    return n;
+    char* p = buf;
+    memcpy(p, s_prefix, s_plen);
+    p += s_plen;
+    if (fraction) {
+        long us = static_cast<long>(tms->tv_nsec / 1000);
+        *p++ = '.';
+        for (int i = 5; i >= 0; --i, us /= 10)
+            p[i] = static_cast<char>('0' + us % 10);
+        p += 6;
+    }
+    memcpy(p, tz, tzlen + 1);
+    g_timestr_busy = 0;
+    return static_cast<ssize_t>(n);
 }
 
 time_t get_endofday_utime(time_t tstamp)

@@ -63,6 +63,9 @@ TEST(Timeop, TimestampFormatsLimitsAndReentry)
         {0, 0, GMT_S, 23, nullptr}, // null: refused
         {0, 0, f_FMT_SECONDS, 64, "1970-01-01 03:00:00 XYZ"},
         {86399, 123456789, f_GMT_TIME, 31, "1970-01-01 23:59:59.123456 XYZ"},
+        // The same second again comes from the cached date; the fraction is padded.
+        {86399, 5000, f_GMT_TIME, 31, "1970-01-01 23:59:59.000005 XYZ"},
+        {86399, 0, 0, 64, "1970-01-02 02:59:59.000000 XYZ"},
     };
     testing::internal::CaptureStderr();
     ssize_t rc;
