@@ -92,6 +92,23 @@ dw_keep client_keep(const dw_urq* urq)
     return {};
 }
 
+// Makes an answered request of a kept connection wait for the client's next head, as a fresh
+// request would: empty buffer, no answer chosen, its time-out counted from now.
+void rearm_urq(dw_urq* urq)
+{
+    http_rq& rq = urq->hrq;
+    rq.hpos = 0;
+    if (rq.hbuf)
+        rq.hbuf[0] = '\0';
+    rq.header = http_header{};
+    rq.is_keep_alive = rq.pipelined = false;
+    urq->uri_src[0] = urq->uri_dst[0] = '\0';
+    urq->hresp = nullptr;
+    urq->kept = true;
+    urq->wait_start_tm = *rqs_now_ref();
+    urq_set_state(urq, mk_state(ST_INI));
+}
+
 } // namespace
 
 bool keeps_client(const http_response* r, const dw_keep& keep)
@@ -256,12 +273,10 @@ int urq_read(dw_urq* urq)
         if (send_answer(urq->sockfd, urq->hresp, keep) == 0) {
             mtr_answer(urq->hresp->code);
             if (keeps_client(urq->hresp, keep)) {
-                // The connection leaves this request, which is retired as usual, and waits for
-                // the next one as a new request of the listener.
-                const int fd = urq->sockfd;
-                rui_detach_fd(urq);
-                if (!urq_keep_client(fd, keep))
-                    (void)W_close(__func__, fd);
+                // Answered here and kept: this request waits for the client's next head itself,
+                // still registered and still counted once by its listener.
+                rearm_urq(urq);
+                return 0;
             }
         } else {
             ++g_mtr.clients_gone;
