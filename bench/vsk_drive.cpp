@@ -12,6 +12,7 @@
 // Orders go out as HTTP/1.1 without "Connection: close": a listener with keep_alive answers them
 // with a Content-Length and keeps the connection, which then carries the next order; otherwise
 // the agent closes it after the answer and the next order connects anew.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -27,7 +28,6 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <algorithm>
 #include <unordered_map>
 #include <vector>
 

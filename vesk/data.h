@@ -116,7 +116,6 @@ struct http_rq {
     bool pipelined;     // bytes behind the head were dropped: an answer alone would strand them
 };
 
-
 // One HTTP download request connection. The leading fields mirror rui_rq_header so that the
 // listener manager can queue it.
 struct dw_urq {
