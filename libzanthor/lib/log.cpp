@@ -438,19 +438,22 @@ struct record {
 };
 } // namespace
 
-// Appends one formatted piece; false (and the record unchanged) when it does not fit.
-[[gnu::format(printf, 3, 4)]] static bool append_piece(record* r, int* n, const char* format, ...)
+// Appends `text` and two spaces; false (and the record unchanged) when they do not fit, with `*n`
+// the length they needed. The pid, level and group pieces come with every record, so they are
+// copied rather than formatted.
+static bool append_word(record* r, int* n, const char* text, size_t len)
 {
     const size_t room = LOG_OUTBUF_USABLE - r->len;
-    va_list ap;
-    va_start(ap, format);
-    *n = vsnprintf(r->text + r->len, room + 1, format, ap);
-    va_end(ap);
-    if (*n < 0 || static_cast<size_t>(*n) > room) {
+    *n = static_cast<int>(len + 2);
+    if (len + 2 > room) {
         r->text[r->len] = '\0';
         return false;
     }
-    r->len += static_cast<size_t>(*n);
+    char* p = r->text + r->len;
+    std::memcpy(p, text, len);
+    p[len] = p[len + 1] = ' ';
+    p[len + 2] = '\0';
+    r->len += len + 2;
     return true;
 }
 
@@ -495,16 +498,25 @@ static int clear_record(record* r)
         r->len = static_cast<size_t>(tn);
         r->text[r->len++] = ' ';
         r->text[r->len] = '\0';
-        if (log->pid > 0 && !append_piece(r, &n, "%lu  ", static_cast<unsigned long>(log->pid)))
-            return record_failed(r, "%s: pid buffer error (n=%d)", "logbuf_vprepare", n);
+        if (log->pid > 0) {
+            char digits[24];
+            size_t i = sizeof(digits);
+            for (auto v = static_cast<unsigned long>(log->pid); v; v /= 10)
+                digits[--i] = static_cast<char>('0' + v % 10);
+            if (!append_word(r, &n, digits + i, sizeof(digits) - i))
+                return record_failed(r, "%s: pid buffer error (n=%d)", "logbuf_vprepare", n);
+        }
     }
-    if (level >= -126 && !append_piece(r, &n, "%s  ", get_level_tag(level)))
-        return record_failed(r, "%s: level buffer error (n=%d)\n", "logbuf_vprepare", n);
+    if (level >= -126) {
+        const char* tag = get_level_tag(level);
+        if (!append_word(r, &n, tag, std::strlen(tag)))
+            return record_failed(r, "%s: level buffer error (n=%d)\n", "logbuf_vprepare", n);
+    }
     if (log->group.sym8[0]) {
         if (log->group.sym8[sizeof(log->group.sym8) - 1] != 0)
             log_assert_fail("0 == log->group.sym8[sizeof(log->group.sym8)-1]", __FILE__, __LINE__,
                             __func__);
-        if (!append_piece(r, &n, "%s  ", log->group.sym8))
+        if (!append_word(r, &n, log->group.sym8, std::strlen(log->group.sym8)))
             return record_failed(r, "%s: group buffer error (n=%d)\n", "logbuf_vprepare", n);
     }
     const size_t room = LOG_OUTBUF_USABLE - r->len;
