@@ -228,6 +228,10 @@ static int load_listener_body(const config_setting_t* setting, rui_listener_cfg*
              listener_group(setting));
         return -1;
     }
+    // Absent: a kept connection waits no longer than any request for its head.
+    if (load_listener_int(setting, "keep_alive_idle_ms", 0, 1, RUI_MAX_KEEP_IDLE_MS,
+                          &l->keep_alive_idle_ms))
+        return -1;
     char text[16];
     if (load_config_setting_str(setting, "protocol", text, 15, "tcp"))
         return -1;
@@ -401,7 +405,10 @@ void dump_listener(FILE* stream, const char* kind_name, const rui_listener_cfg* 
                 l->ifc ? l->ifc->name : "<anyaddr>", af_name(l->pref_af), l->port);
     if (l->backlog && l->backlog != RUI_DEFAULT_BACKLOG)
         fprintf(stream, "\t%s listener[%s]: backlog=%d\n", kind_name, l->alias, l->backlog);
-    if (l->keep_alive)
+    if (l->keep_alive && l->keep_alive_idle_ms > 0)
+        fprintf(stream, "\t%s listener[%s]: keep_alive=yes, idle=%d ms\n", kind_name, l->alias,
+                l->keep_alive_idle_ms);
+    else if (l->keep_alive)
         fprintf(stream, "\t%s listener[%s]: keep_alive=yes\n", kind_name, l->alias);
 }
 

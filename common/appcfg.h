@@ -22,6 +22,8 @@ enum : int { RUI_DEFAULT_QUEUED = 1000, RUI_MAX_QUEUED_LIMIT = 100000 };
 // Connections the kernel queues for a listener before they are accepted: the length every listener
 // is opened with, and the highest a configuration may set.
 enum : int { RUI_DEFAULT_BACKLOG = NETOPS_BACKLOG, RUI_MAX_BACKLOG = 65535 };
+// Longest a kept client connection may be configured to wait for its next request: an hour.
+enum : int { RUI_MAX_KEEP_IDLE_MS = 3600000 };
 
 struct log_cfg {
     char path[128];     // empty: standard error; "|cmd": a pipe to cmd
@@ -60,6 +62,8 @@ struct rui_listener_cfg {
                          // listener from the command line) is the built-in 128
     bool keep_alive;     // a web client answered 200 or 204 may send its next request on the
                          // same connection; false: one request per connection
+    int keep_alive_idle_ms; // how long a kept connection may wait for that request; 0: the
+                            // request time-out
 };
 
 struct rui_cfg {

@@ -180,11 +180,15 @@ void urq_rm(void* rq)
 int urq_timeout(void* rq, u_int tmout_ms)
 {
     auto* urq = static_cast<dw_urq*>(rq);
+    // A kept connection waiting for its next request may have an idle limit of its own.
+    const bool idle = urq->kept && urq->hrq.hpos == 0;
+    if (idle && urq->srv->lc && urq->srv->lc->keep_alive_idle_ms > 0)
+        tmout_ms = static_cast<u_int>(urq->srv->lc->keep_alive_idle_ms);
     const timespec tmo = {static_cast<time_t>(tmout_ms / 1000),
                           static_cast<long>(tmout_ms % 1000) * 1000000L};
     if (!timed_out(&urq->wait_start_tm, &tmo))
         return 0;
-    if (urq->kept && urq->hrq.hpos == 0) {
+    if (idle) {
         // A kept connection that the client leaves idle is closed without fuss: nothing was asked.
         zlogf(L_INFO, "%s: %s [%s] (%p) idle kept-alive connection closed\n", urq->tag.sym4,
               urq->trk_tag.sym8, rq);

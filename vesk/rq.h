@@ -23,8 +23,9 @@ void* urq_new(int sockfd, rui_socket_ctx* srv, void* arg);
 // Frees a dw_urq: closes its socket unless the listener manager already did, frees the head
 // buffer, clears the tag and releases the time-out lock.
 void urq_rm(void* rq);
-// Lists the dw_urq for removal when `tmout_ms` have passed since it was created. 1 when it timed
-// out, else 0. A timed-out request gets no answer.
+// Lists the dw_urq for removal when `tmout_ms` have passed since it was created (or, for a kept
+// connection still waiting for its next head, its listener's keep_alive_idle_ms when set). 1 when
+// it timed out, else 0. A timed-out request gets no answer.
 int urq_timeout(void* rq, u_int tmout_ms);
 
 // Read-event handler of a "URQ" object; always 0. Handles the request once its head is complete,

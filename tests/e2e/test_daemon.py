@@ -65,6 +65,8 @@ BAD_CONFIG = {
     "queued-0": (web(max_queued=0), "web_input.max_queued = 0 is out of range (1..100000)"),
     "backlog-70000": (web(backlog=70000), "web_input.backlog = 70000 is out of range (1..65535)"),
     "keep-alive-text": (web(keep_alive="yes"), "web_input.keep_alive must be true or false"),
+    "keep-alive-idle-0": (web(keep_alive_idle_ms=0),
+                          "web_input.keep_alive_idle_ms = 0 is out of range (1..3600000)"),
     "stalled-text": (keys(end_stalled_tasks="yes"), "vesk.end_stalled_tasks must be true or false"),
     "stalled-no-tmout": (keys(end_stalled_tasks=True, task_tmout_ms=0), "vesk.task_tmout_ms must be at least 1"),
     "admin-string": (keys(admin_input="lo:8080"), "vesk.admin_input must be a listener group or a list of them"),

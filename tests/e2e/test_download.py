@@ -186,6 +186,35 @@ def test_kept_connection_carries_requests_until_the_client_or_an_error_ends_it(a
     assert (agent.data_dir / "g.ts").read_bytes() == BODY + b"g"
 
 
+def test_kept_connection_idle_limit_of_its_own(agent, nginx):
+    """keep_alive_idle_ms bounds the wait of a kept connection for its next request apart from the
+    request time-out; a head once begun is held to the request time-out as always. The loop looks
+    at its requests at least every 5 s while it has nothing else to do."""
+    for n in "ab":
+        nginx.put(f"{n}.ts", BODY)
+    agent.vesk["web_input"][0].update(keep_alive=True, keep_alive_idle_ms=1000)
+    agent.vesk.update(urq_tmout_sec=30, task_tmout_ms=200)
+    agent.start()
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=10) as s:
+        s.sendall(get_text(dl_path(nginx.url("a.ts"), "a.ts")))
+        assert status_of(answer_head(s)) == "HTTP/1.1 200 OK"
+        t0 = time.monotonic()
+        assert read_all(s) == b""
+        assert 0.8 < time.monotonic() - t0 < 7
+    agent.wait_for_log(r"idle kept-alive connection closed")
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=10) as s:
+        s.sendall(get_text(dl_path(nginx.url("b.ts"), "b.ts")))
+        assert status_of(answer_head(s)) == "HTTP/1.1 200 OK"
+        # Past the 32-byte low-water mark, without a line end: a head begun, not finished.
+        s.sendall(b"GET /src/http://127.0.0.1:1/x.ts/dst/x.ts")
+        agent.wait_for_log("need more data on URQ")
+        s.settimeout(6)
+        with pytest.raises(socket.timeout):
+            s.recv(100)  # past the idle limit and a look of the loop: still waiting for the head
+    assert "TIME-OUT" not in agent.log() and agent.log().count("idle kept-alive connection closed") == 1
+    assert (agent.data_dir / "b.ts").read_bytes() == BODY
+
+
 # ---- Segment registry ---------------------------------------------------------------------------
 
 def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis, nginx, bad_source):

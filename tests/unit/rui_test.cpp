@@ -108,7 +108,7 @@ protected:
         const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
         ASSERT_EQ(0, rqs_init(&rc));
         // A TCP listener "web" on every IPv4 address, at a port the system picks.
-        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, 0, false};
+        cfg_.user[0] = {true, "web", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, 0, false, 0};
         ASSERT_EQ(0, rui_ctx_init(&cfg_, &g_ctx));
         ASSERT_EQ(0, rui_ctx_start(&g_ctx));
         socklen_t len = sizeof addr_;
@@ -254,7 +254,7 @@ TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
     addr.sin_port = htons(static_cast<uint16_t>(ntohs(addr.sin_port) + 1));
     const std::string port = std::to_string(ntohs(addr.sin_port));
     rui_cfg cfg{};
-    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}, 0, 0, false};
+    cfg.user[0] = {true, "dgram", 0, nullptr, "", AF_INET, "", IPPROTO_UDP, {}, 0, 0, false, 0};
     snprintf(cfg.user[0].port, sizeof cfg.user[0].port, "%s", port.c_str());
     ASSERT_EQ(0, rui_ctx_init(&cfg, &g_ctx));
     ASSERT_EQ(0, rui_ctx_start(&g_ctx));
@@ -282,7 +282,7 @@ TEST(RuiUdp, DatagramsAreDroppedNotAccepted)
 size_t handshakes_queued(int backlog, size_t tries)
 {
     rui_cfg cfg{};
-    cfg.user[0] = {true, "deep", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, backlog, false};
+    cfg.user[0] = {true, "deep", 0, nullptr, "0", AF_INET, "", IPPROTO_TCP, {}, 0, backlog, false, 0};
     rui_socket_cb cb{{mk_tag32("TRQ")}, new_rq, rm_rq, rq_tmout};
     rui_set_cb(RUI_USER, &cb);
     const rqs_config rc{{loop_tmout, {}, on_read, on_none, on_none, loop_pp, {}, {}, {}}, 0};
