@@ -530,11 +530,17 @@ int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* dat
     return rc;
 }
 
-int rui_add_request(int fd, rui_socket_ctx* srv, void* data)
+size_t rui_queue_room(const rui_socket_ctx* srv)
 {
     const size_t n = queued(srv);
     const size_t limit = srv->lc && srv->lc->max_queued ? srv->lc->max_queued : MAX_RUI_QUEUED;
-    if (n > limit - 1) {
+    return n < limit ? limit - n : 0;
+}
+
+int rui_add_request(int fd, rui_socket_ctx* srv, void* data)
+{
+    const size_t n = queued(srv);
+    if (rui_queue_room(srv) == 0) {
         zlogf(L_ERR, "%s: Too many user requests (%lu) queued\n", n);
         return EBUSY;
     }

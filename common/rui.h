@@ -156,6 +156,9 @@ void rui_ctx_destroy(rui_ctx* ctx);
 // listener takes no requests: up to `max_accept` pending datagrams are read, dropped with a
 // warning, and 0 is returned.
 int rui_accept(rui_socket_ctx* srv, size_t max_accept, uint32_t flags, void* data);
+// Requests the slot may still queue before it holds its limit: the listener's max_queued, or
+// MAX_RUI_QUEUED without a configuration.
+size_t rui_queue_room(const rui_socket_ctx* srv);
 // Creates, queues and registers the request of an accepted descriptor. 0; 16 (EBUSY) when the
 // listener's max_queued (MAX_RUI_QUEUED without a configuration) requests are queued already; -1 when new_rq refuses; the dispatcher's error. On
 // any failure nothing refers to `fd` any more and the caller closes it.

@@ -559,6 +559,20 @@ int on_error(int fd, int err, void* udata, void* aux)
     return 0;
 }
 
+// A listener that keeps connections and holds its limit while clients wait to connect closes
+// idle kept connections (up to one accept pass of them) rather than answer the newcomers 503:
+// a kept client that comes back simply connects again. True when it did.
+static bool make_room(rui_socket_ctx* listener)
+{
+    if (!listener->lc || !listener->lc->keep_alive || rui_queue_room(listener) > 0)
+        return false;
+    const size_t n = urq_evict_idle(listener, g_cfg->rui.max_accept);
+    if (n > 0)
+        zlogf(L_INFO, "%s: [%s] holds %zu requests: closing %zu idle kept-alive connections\n",
+              listener->lc->alias, dlep_count(listener->requests), n);
+    return n > 0;
+}
+
 int on_srv_accept(int fd, int err, rui_socket_ctx* listener, void* aux)
 {
     (void)fd;
@@ -566,6 +580,8 @@ int on_srv_accept(int fd, int err, rui_socket_ctx* listener, void* aux)
     const char* alias = listener->lc ? listener->lc->alias : "?";
     if (err) {
         zlogf(L_ERR, "%s: [%s] ERR/HUP\n", alias);
+    } else if (make_room(listener)) {
+        // The waiting clients are accepted in the next pass, once the idle connections are gone.
     } else if (rui_accept(listener, g_cfg->rui.max_accept, 0, nullptr) != 0) {
         zlogf(L_ERR, "%s: error accepting requests on [%s]\n", alias);
     }

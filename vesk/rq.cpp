@@ -138,6 +138,21 @@ bool urq_keep_client(int fd, const dw_keep& keep)
     return rui_add_request(fd, srv, &s_kept_marker) == 0;
 }
 
+size_t urq_evict_idle(rui_socket_ctx* srv, size_t most)
+{
+    size_t n = 0;
+    // The oldest requests sit at the tail.
+    for (dlep_elem* e = srv->requests ? srv->requests->tail : nullptr; e && n < most; e = e->next) {
+        auto* urq = reinterpret_cast<dw_urq*>(e);
+        if (urq->tag.num != DW_URQ || !urq->kept || urq->hrq.hpos != 0 ||
+            urq->state.num != ST_INI || urq->pprm_idx >= 0)
+            continue;
+        pprm_urq(urq);
+        ++n;
+    }
+    return n;
+}
+
 rui_socket_cb urq_cb = {{DW_URQ}, urq_new, urq_rm, urq_timeout};
 
 void* urq_new(int sockfd, rui_socket_ctx* srv, void* arg)

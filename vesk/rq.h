@@ -44,6 +44,11 @@ int send_answer(int fd, const http_response* r, const dw_keep& keep);
 // gone or holds its limit or the agent is quitting, and the caller closes `fd`.
 bool urq_keep_client(int fd, const dw_keep& keep);
 
+// Lists up to `most` of the listener's kept connections that wait for their next request, oldest
+// first, for removal after the current batch: room for new clients of a full listener. Returns
+// how many.
+size_t urq_evict_idle(rui_socket_ctx* srv, size_t most);
+
 // Error-event handler: logs the socket's pending error and lists the request for removal.
 void urq_error(dw_urq* urq, bool is_hup);
 

@@ -215,6 +215,47 @@ def test_kept_connection_idle_limit_of_its_own(agent, nginx):
     assert (agent.data_dir / "b.ts").read_bytes() == BODY
 
 
+def test_full_listener_closes_idle_kept_connections_before_refusing(agent, nginx):
+    """At its limit, a keep_alive listener with clients waiting to connect closes its idle kept
+    connections instead of answering the newcomers 503; a connection in the middle of a head is
+    not idle and stays, and without idle ones the newcomer is refused as before."""
+    for n in "abcd":
+        nginx.put(f"{n}.ts", BODY + n.encode())
+    agent.vesk["web_input"][0].update(keep_alive=True, keep_alive_idle_ms=60000, max_queued=2)
+    agent.vesk["urq_tmout_sec"] = 60
+    agent.with_admin().start()
+    url = lambda n: dl_path(nginx.url(f"{n}.ts"), f"{n}.ts")
+    refused = lambda: Scrape(agent)("vsk_requests_refused_total", type="user", listener=f"lo:{agent.port}")
+    kept = []
+    for n in "ab":
+        s = socket.create_connection(("127.0.0.1", agent.port), timeout=10)
+        s.sendall(get_text(url(n)))
+        assert status_of(answer_head(s)) == "HTTP/1.1 200 OK"
+        kept.append(s)
+    agent.wait_for_log(r"downloaded: .*b\.ts\]")
+    # Both places are taken by idle kept connections: a newcomer gets them.
+    assert status_of(request(agent.port, get_text(url("c"), "Connection: close"))) == "HTTP/1.1 200 OK"
+    agent.wait_for_log(r"holds 2 requests: closing 2 idle kept-alive connections")
+    for s in kept:
+        assert read_all(s) == b""
+        s.close()
+    assert refused() == 0
+    # A head begun on a kept connection is a request in progress, not an idle one.
+    with socket.create_connection(("127.0.0.1", agent.port), timeout=10) as s1, \
+            socket.create_connection(("127.0.0.1", agent.port), timeout=10) as s2:
+        s1.sendall(get_text(url("d")))
+        assert status_of(answer_head(s1)) == "HTTP/1.1 200 OK"
+        s1.sendall(b"GET /src/http://127.0.0.1:1/x.ts/dst/x.ts")  # no line end yet
+        s2.sendall(b"GET /src/http://127.0.0.1:1/y.ts/dst/y.ts")
+        agent.wait_for_log("need more data on URQ", count=2)
+        assert status_of(request(agent.port, get_text("/", "Connection: close"))) == \
+            "HTTP/1.1 503 Service Unavailable"
+        assert refused() == 1
+    assert agent.log().count("idle kept-alive connections") == 1
+    for n in "abcd":
+        assert (agent.data_dir / f"{n}.ts").read_bytes() == BODY + n.encode(), n
+
+
 # ---- Segment registry ---------------------------------------------------------------------------
 
 def test_download_registers_segment_and_local_source_is_not_fetched(agent, redis, nginx, bad_source):
