@@ -111,8 +111,7 @@ struct http_rq {
     size_t hlen; // capacity of hbuf
     size_t hpos; // bytes received; hbuf[hpos] is always NUL
     http_header header;
-    bool is_keep_alive; // the connection is kept for the client's next request after a 200 or
-                        // 204 (set once the head is parsed; see dw_keep)
+    bool is_keep_alive; // not used: whether a connection is kept is the request's dw_keep
     bool pipelined;     // bytes behind the head were dropped: an answer alone would strand them
 };
 

@@ -79,6 +79,12 @@ private:
 // Passed to the listener with a connection that is queued again after an answer.
 char s_kept_marker;
 
+// A kept connection on which not a byte of the next request has come yet.
+bool waits_for_next(const dw_urq* urq)
+{
+    return urq->kept && urq->hrq.hpos == 0;
+}
+
 // Whether the client of a parsed request may send its next one on the same connection: its
 // listener says so, its head does not ask for a close (HTTP/1.0 must ask for keep-alive), and no
 // bytes behind the head were dropped, since the client would wait for their answer.
@@ -101,7 +107,7 @@ void rearm_urq(dw_urq* urq)
     if (rq.hbuf)
         rq.hbuf[0] = '\0';
     rq.header = http_header{};
-    rq.is_keep_alive = rq.pipelined = false;
+    rq.pipelined = false;
     urq->uri_src[0] = urq->uri_dst[0] = '\0';
     urq->hresp = nullptr;
     urq->kept = true;
@@ -144,8 +150,8 @@ size_t urq_evict_idle(rui_socket_ctx* srv, size_t most)
     // The oldest requests sit at the tail.
     for (dlep_elem* e = srv->requests ? srv->requests->tail : nullptr; e && n < most; e = e->next) {
         auto* urq = reinterpret_cast<dw_urq*>(e);
-        if (urq->tag.num != DW_URQ || !urq->kept || urq->hrq.hpos != 0 ||
-            urq->state.num != ST_INI || urq->pprm_idx >= 0)
+        if (urq->tag.num != DW_URQ || !waits_for_next(urq) || urq->state.num != ST_INI ||
+            urq->pprm_idx >= 0)
             continue;
         pprm_urq(urq);
         ++n;
@@ -196,7 +202,7 @@ int urq_timeout(void* rq, u_int tmout_ms)
 {
     auto* urq = static_cast<dw_urq*>(rq);
     // A kept connection waiting for its next request may have an idle limit of its own.
-    const bool idle = urq->kept && urq->hrq.hpos == 0;
+    const bool idle = waits_for_next(urq);
     if (idle && urq->srv->lc && urq->srv->lc->keep_alive_idle_ms > 0)
         tmout_ms = static_cast<u_int>(urq->srv->lc->keep_alive_idle_ms);
     const timespec tmo = {static_cast<time_t>(tmout_ms / 1000),
@@ -242,7 +248,7 @@ int urq_read(dw_urq* urq)
         // The client is gone: nothing can be answered, and no later event of this batch can
         // refer to the request, since its descriptor leaves the loop right here. Closing a kept
         // connection between requests is how a client says goodbye, not a lost answer.
-        if (!urq->kept || urq->hrq.hpos > 0)
+        if (!waits_for_next(urq))
             ++g_mtr.clients_gone;
         rui_rm_request(urq);
         return 0;
@@ -254,7 +260,6 @@ int urq_read(dw_urq* urq)
         dw_spec spec{};
         rc = parse_dw_get(urq, &spec);
         keep = client_keep(urq);
-        urq->hrq.is_keep_alive = keep.srv != nullptr;
         if (rc == WEB_NO_PATH) {
             zlogf(L_INFO, "%s: PONG!\n");
             urq->hresp = &g_resp_ok204;
@@ -343,7 +348,7 @@ int read_http_rq(dw_urq* urq)
                 return 11;
             // A kept connection that ends before a byte of its next request is the client's
             // goodbye, whatever errno holds; an end of a fresh one is answered as before.
-            const bool goodbye = n == 0 && urq->kept && rq->hpos == 0;
+            const bool goodbye = n == 0 && waits_for_next(urq);
             if ((n == 0 && err == EAGAIN) || goodbye || err == ECONNRESET) {
                 zlogf(L_INFO, "%s: client fd=%d closed connection\n", urq->sockfd);
                 return 104;
