@@ -10,7 +10,7 @@ set -euo pipefail
 # with the exposition parser of the metrics format's own client. systemd is not pulled in for systemd-analyze: the unit check
 # is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
-      libgtest-dev libc-ares-dev python3 python3-pytest redis-server nginx curl socat
+      libgtest-dev libc-ares-dev liburing-dev python3 python3-pytest redis-server nginx curl socat
       dpkg-dev file groff-base man-db python3-prometheus-client)
 if [ "${1:-}" = "--bench" ]; then
   PKGS+=(aria2 python3-matplotlib)

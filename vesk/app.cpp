@@ -20,6 +20,7 @@
 #include "fdio.h"
 #include "lbquery.h"
 #include "adm.h"
+#include "aio.h"
 #include "log.h"
 #include "main.h"
 #include "mtr.h"
@@ -399,6 +400,8 @@ int connect_to_src(const char* url, const char* addr, usock_ctx* sctx)
 }
 
 static void answer_client(dw_task* dw);
+static int head_judged(dw_task* dw, int rc, int code);
+static int fill_dest_file(dw_task* dw, int reserved, const char* body, ssize_t tail_len);
 
 // Connects the task to its source at `addr` (null: the URL's own host) and waits for the
 // connection to become writable. 0, 13 when the address is refused by src_addr_allowed, or
@@ -691,6 +694,12 @@ void free_dw(dw_task* dw)
         (void)W_close(__func__, dw->dfd);
         dw->dfd = -1;
     }
+    // A reservation still in the worker goes on with the ring's own descriptor of the file; its
+    // completion finds the task gone.
+    dw->aio_token = 0;
+    free(dw->held_body);
+    dw->held_body = nullptr;
+    dw->held_len = 0;
     if (dw->is_mmapped) {
         ZASSERT(dw->buf && dw->buflen);
         if (munmap(dw->buf, dw->buflen)) {
@@ -831,11 +840,10 @@ int read_src_response(dw_task* dw)
                 dw->hresp = &g_resp_denied;
                 rc = -16;
                 dw_set_end(dw, MTR_END_DEST_EXISTS);
-            } else if ((rc = mk_dest_file(dw, buf, &resp))) {
+            } else if ((rc = mk_dest_file(dw, buf, &resp)) != 0 && rc != EINPROGRESS) {
                 dw->hresp = &g_resp_err;
                 dw_set_end(dw, rc == 22 ? MTR_END_MALFORMED_ANSWER : MTR_END_WRITE_ERROR);
             } else {
-                dw->hresp = &g_resp_ok;
                 // Bytes beyond the announced length would be taken for the next answer's.
                 dw->src_keep = spl_on() && http_head_keeps_alive(buf) &&
                                static_cast<size_t>(resp.total - resp.tail) <= dw->content_length;
@@ -850,12 +858,28 @@ int read_src_response(dw_task* dw)
         dw_set_end(dw, MTR_END_MALFORMED_ANSWER);
     }
     free(buf);
+    if (rc == EINPROGRESS) {
+        // The source waits, unread, until the blocks are reserved; its hang-up or reset still
+        // reaches the task.
+        (void)rqs_mod(dw->sfd, dw, 0);
+        set_dw_state(dw, dw_state("rsv"));
+        return 11;
+    }
+    return head_judged(dw, rc, rc == 0 || got_status ? resp.code : 0);
+}
 
+// The head was judged (`rc` 0 when the file is ready for the body, else the failure) and, when
+// `code` is not 0, the source's status read: the client gets its answer and a ready task goes
+// on to the body. 0 or `rc`.
+static int head_judged(dw_task* dw, int rc, int code)
+{
+    if (rc == 0)
+        dw->hresp = &g_resp_ok;
     if (dw->cfd != -1) {
         if (!dw->hresp) {
-            if (rc == 0 || got_status) {
-                dw->hresp = http_code_resp(resp.code);
-                zlogf(L_DEBUG, "%s: response picked for HTTP%d\n", resp.code);
+            if (code != 0) {
+                dw->hresp = http_code_resp(code);
+                zlogf(L_DEBUG, "%s: response picked for HTTP%d\n", code);
             } else {
                 zlogf(L_DEBUG, "%s: defaulting to HTTP%d\n", 500);
                 dw->hresp = &g_resp_err;
@@ -870,6 +894,51 @@ int read_src_response(dw_task* dw)
     zlogf(L_INFO, "%s: ready to download %zu bytes to [%s]\n", dw->content_length, dw->spec.fpath);
     set_dw_state(dw, dw_state("dnl"));
     return 0;
+}
+
+// The reservation of a task's destination, done by the kernel's worker: the task stores the body
+// bytes it kept, answers its client and goes on reading the source, or fails as a reservation in
+// place would have. A completion for a task that is gone is dropped.
+static void on_reserved(uint64_t token, int res)
+{
+    const size_t idx = static_cast<size_t>(token >> DW_AIO_SEQ_BITS);
+    dw_task* dw = idx < g_ctx.tasks.max_len && g_ctx.tasks.taken[idx]
+                      ? xv_at<dw_task>(&g_ctx.tasks, idx)
+                      : nullptr;
+    if (!dw || dw->tag.num != DOW_TAG || dw->aio_token != token) {
+        zlogf(L_DEBUG, "%s: reservation %#llx finished after its task\n",
+              static_cast<unsigned long long>(token));
+        return;
+    }
+    const group_guard gg(dw);
+    dw->aio_token = 0;
+    int rc = -res;
+    if (rc == EOPNOTSUPP) {
+        // The C library emulates a reservation the filesystem does not make itself.
+        rc = W_fallocate("mk_dest_file", dw->dfd, 0, static_cast<off_t>(dw->content_length));
+    } else if (rc != 0) {
+        zlog(L_ERR, "%s: posix_fallocate(%d, %ld, %ld) ERROR(%d): %s\n", "mk_dest_file", dw->dfd,
+             0L, static_cast<long>(dw->content_length), rc, strerror(rc));
+    }
+    rc = fill_dest_file(dw, rc, dw->held_body, static_cast<ssize_t>(dw->held_len));
+    free(dw->held_body);
+    dw->held_body = nullptr;
+    dw->held_len = 0;
+    if (rc) {
+        dw->hresp = &g_resp_err;
+        dw_set_end(dw, MTR_END_WRITE_ERROR);
+    }
+    // Back where the head left it; head_judged moves it on.
+    set_dw_state(dw, dw_state("rsp"));
+    rc = head_judged(dw, rc, 0);
+    if (rc == 0 && rqs_mod(dw->sfd, dw, RQS_READ) != 0)
+        rc = -1;
+    if (rc == 0 && dw->nleft == 0)
+        rc = complete_download(dw);
+    if (rc) {
+        zlogf(L_ERR, "%s: removing %s due to error, rc=%d\n", dw->trk_tag.sym8, rc);
+        (void)pprm_task(dw);
+    }
 }
 
 int dw_write(dw_task* dw)
@@ -916,6 +985,29 @@ int dw_read(dw_task* dw)
         (void)pprm_task(dw);
     }
     return 0;
+}
+
+void start_reserve_worker()
+{
+    if (aio_init(DW_AIO_DEPTH, on_reserved) != 0)
+        zlog(L_WARN, "reserve_in_worker: no submission ring; files are reserved on the loop\n");
+    else
+        zlogf(L_INFO, "%s: file reservations go to a kernel worker\n");
+}
+
+void stop_reserve_worker()
+{
+    aio_destroy();
+}
+
+void on_parked_source_error(dw_task* dw)
+{
+    if (dw->is_quitting || !state_is(dw, "rsv"))
+        return;
+    zlogf(L_ERR, "%s: task [%s] (%p): source failed while the file was reserved\n",
+          dw->trk_tag.sym8, static_cast<void*>(dw));
+    dw_set_end(dw, MTR_END_SOURCE_CLOSED);
+    (void)pprm_task(dw);
 }
 
 // ---- Deferred removal and periodic checks -------------------------------------------------------
@@ -1055,45 +1147,11 @@ bool can_mmap_dw(const dw_task* dw)
     return dw->content_length <= (g_cfg->max_mmap_mb << DW_MB_SHIFT);
 }
 
-int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
+// Sizes the destination after its reservation (`reserved`: 0, or posix_fallocate's code) and
+// stores the body bytes that came with the head. The rest of mk_dest_file, also run when the
+// reservation finishes in the kernel's worker.
+static int fill_dest_file(dw_task* dw, int reserved, const char* body, ssize_t tail_len)
 {
-    const bool has_tail = resp->tail >= 1;
-    ssize_t tail_len = has_tail ? resp->total - resp->tail : 0;
-
-    // Checked by recv_http_response: all digits, and the same value wherever it is repeated.
-    const long len = resp->content_length;
-    if (len <= 0) {
-        zlogf(L_ERR, "%s: invalid/missing content length: %zd\n", static_cast<ssize_t>(len));
-        return 22;
-    }
-    zlogf(L_DEBUG, "%s: [%s] length=%zd, tail=%zd\n", dw->spec.fpath, static_cast<ssize_t>(len),
-          tail_len);
-    dw->nleft = dw->content_length = static_cast<size_t>(len);
-    if (tail_len > len) {
-        // Bytes beyond the announced length are not part of the file; later reads never ask for
-        // them either.
-        zlogf(L_WARN, "%s: ignoring %zd bytes beyond the content length\n", tail_len - len);
-        tail_len = len;
-    }
-
-    dw->dfd = W_open(__func__, dw->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
-    if (dw->dfd < 0)
-        return errno;
-    struct stat st;
-    if (fstat(dw->dfd, &st) != 0) {
-        // Without its identity the file could not be told from another one later: give it up now.
-        const int e = errno;
-        zlogf(L_ERR, "%s: fstat(fd%d) ERROR(%d): %s\n", dw->dfd, e, strerror(e));
-        (void)W_unlink(__func__, dw->spec.fpath);
-        return e;
-    }
-    dw->has_dfile = true;
-    dw->dfile_dev = st.st_dev;
-    dw->dfile_ino = st.st_ino;
-    // The blocks are reserved before a byte is stored: a full disk, a quota or a file size limit
-    // then fails the task here with its error, not later, and a mapped page can always be backed
-    // (a store into a sparse page that the filesystem cannot allocate raises SIGBUS).
-    const int reserved = W_fallocate(__func__, dw->dfd, 0, static_cast<off_t>(dw->content_length));
     if (reserved != 0 && reserved != EOPNOTSUPP)
         return reserved;
     if (reserved == EOPNOTSUPP) {
@@ -1105,7 +1163,6 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
     zlogf(L_DEBUG, "%s: destination fd%d opened [%s], %zu bytes\n", dw->dfd, dw->spec.fpath,
           dw->content_length);
 
-    const char* body = buf + (has_tail ? resp->tail : 0);
     dw->f_pos = 0;
     if (reserved == 0 && can_mmap_dw(dw)) {
         void* map = mmap(nullptr, dw->content_length, PROT_WRITE,
@@ -1155,6 +1212,80 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
     g_mtr.bytes_downloaded += static_cast<uint64_t>(dw->f_pos);
     zlogf(L_DEBUG, "%s: created %s for [%s]\n", dw->is_mmapped ? "mmap" : "file", dw->spec.fpath);
     return 0;
+}
+
+// Hands the reservation of a plain-written destination to the kernel's worker when the ring is
+// open, keeping the body bytes of the head until it is done. True when it went; false leaves the
+// reservation to the caller (no ring, a mapped file, a full ring).
+static bool reserve_in_worker(dw_task* dw, const char* body, ssize_t tail_len)
+{
+    static uint64_t s_seq;
+    if (!aio_on() || can_mmap_dw(dw))
+        return false;
+    char* kept = nullptr;
+    if (tail_len > 0) {
+        kept = static_cast<char*>(malloc(static_cast<size_t>(tail_len)));
+        if (!kept)
+            return false;
+        memcpy(kept, body, static_cast<size_t>(tail_len));
+    }
+    // The slot says which task a completion is for; the sequence number, whether it is still the
+    // task that asked (a slot is reused once its task is freed).
+    const uint64_t token = (static_cast<uint64_t>(dw->idx) << DW_AIO_SEQ_BITS) |
+                           (++s_seq & ((uint64_t{1} << DW_AIO_SEQ_BITS) - 1));
+    if (aio_fallocate(dw->dfd, static_cast<off_t>(dw->content_length), token) != 0) {
+        free(kept);
+        return false;
+    }
+    dw->aio_token = token;
+    dw->held_body = kept;
+    dw->held_len = static_cast<size_t>(tail_len);
+    return true;
+}
+
+int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
+{
+    const bool has_tail = resp->tail >= 1;
+    ssize_t tail_len = has_tail ? resp->total - resp->tail : 0;
+
+    // Checked by recv_http_response: all digits, and the same value wherever it is repeated.
+    const long len = resp->content_length;
+    if (len <= 0) {
+        zlogf(L_ERR, "%s: invalid/missing content length: %zd\n", static_cast<ssize_t>(len));
+        return 22;
+    }
+    zlogf(L_DEBUG, "%s: [%s] length=%zd, tail=%zd\n", dw->spec.fpath, static_cast<ssize_t>(len),
+          tail_len);
+    dw->nleft = dw->content_length = static_cast<size_t>(len);
+    if (tail_len > len) {
+        // Bytes beyond the announced length are not part of the file; later reads never ask for
+        // them either.
+        zlogf(L_WARN, "%s: ignoring %zd bytes beyond the content length\n", tail_len - len);
+        tail_len = len;
+    }
+
+    dw->dfd = W_open(__func__, dw->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
+    if (dw->dfd < 0)
+        return errno;
+    struct stat st;
+    if (fstat(dw->dfd, &st) != 0) {
+        // Without its identity the file could not be told from another one later: give it up now.
+        const int e = errno;
+        zlogf(L_ERR, "%s: fstat(fd%d) ERROR(%d): %s\n", dw->dfd, e, strerror(e));
+        (void)W_unlink(__func__, dw->spec.fpath);
+        return e;
+    }
+    dw->has_dfile = true;
+    dw->dfile_dev = st.st_dev;
+    dw->dfile_ino = st.st_ino;
+    const char* body = buf + (has_tail ? resp->tail : 0);
+    if (reserve_in_worker(dw, body, tail_len))
+        return EINPROGRESS;
+    // The blocks are reserved before a byte is stored: a full disk, a quota or a file size limit
+    // then fails the task here with its error, not later, and a mapped page can always be backed
+    // (a store into a sparse page that the filesystem cannot allocate raises SIGBUS).
+    const int reserved = W_fallocate(__func__, dw->dfd, 0, static_cast<off_t>(dw->content_length));
+    return fill_dest_file(dw, reserved, body, tail_len);
 }
 
 int read_fragment(dw_task* dw)

@@ -19,6 +19,10 @@ enum : size_t {
     // process needs besides its tasks (log, listeners, loop, database).
     DW_FDS_PER_TASK = 4,
     DW_FDS_RESERVE = 64,
+    // Low bits of a reservation's token that number it; the bits above are the task's slot.
+    DW_AIO_SEQ_BITS = 40,
+    // Reservations in the kernel's worker at once; beyond them a file is reserved on the loop.
+    DW_AIO_DEPTH = 256,
 };
 
 // ---- Agent context ----
@@ -86,9 +90,18 @@ int request_data_stream(dw_task* dw);
 // cannot be served then gets the answer of a failed open) and true is returned; false otherwise.
 bool retry_reused_source(dw_task* dw);
 // Reads and judges the source's response head, creates the destination file and answers the
-// client. 0 (state "dnl"), 11 when the head is incomplete, otherwise an error code for which the
-// caller removes the task.
+// client. 0 (state "dnl"), 11 when the head is incomplete or the file's reservation went to the
+// kernel's worker (state "rsv": the source is parked, and the completion answers the client and
+// goes on), otherwise an error code for which the caller removes the task.
 int read_src_response(dw_task* dw);
+// With reserve_in_worker: opens the ring that reserves plain-written files in a kernel worker
+// (after rqs_init); a kernel that refuses it leaves the reservations on the loop (warned).
+void start_reserve_worker();
+// Closes that ring; after the tasks are freed.
+void stop_reserve_worker();
+// A hang-up or error of the source of a task whose socket is parked while its file is reserved:
+// the task ends as a source that went away.
+void on_parked_source_error(dw_task* dw);
 // Event handlers of a "DOW" object; both return 0. Errors list the task for removal.
 int dw_write(dw_task* dw);
 int dw_read(dw_task* dw);
@@ -124,7 +137,8 @@ bool can_mmap_dw(const dw_task* dw);
 // Creates and sizes the destination for the accepted response head in `buf` (its length is
 // `resp->content_length`, as recv_http_response checked it) and stores the body bytes already
 // received. 0; 22 without a positive Content-Length; -1 when mapping or writing fails;
-// the errno of a failed open or truncate.
+// the errno of a failed open or truncate; EINPROGRESS when the reservation went to the kernel's
+// worker, which then has the body bytes kept with the task until it completes.
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp);
 // Copies what one read of the source yields into the file. 0, -1, or an errno value.
 int read_fragment(dw_task* dw);

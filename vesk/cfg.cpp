@@ -333,6 +333,8 @@ int load_config(vesk_cfg* cfg, int is_reload)
 
     if (lookup_strict_bool(__func__, lc, "vesk.splice_to_file", &cfg->splice_to_file))
         return -1;
+    if (lookup_strict_bool(__func__, lc, "vesk.reserve_in_worker", &cfg->reserve_in_worker))
+        return -1;
 
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");
@@ -399,6 +401,8 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tlook-up time-out     = %ld ms\n", cfg->resolve_tmout_ms);
     if (cfg->splice_to_file)
         fprintf(stream, "\tplain writes         = spliced from the socket\n");
+    if (cfg->reserve_in_worker)
+        fprintf(stream, "\tfile reservations    = in a kernel worker\n");
     if (cfg->src_pool_max)
         fprintf(stream, "\tidle source pool     = %zu connections, %ld ms\n", cfg->src_pool_max,
                 cfg->src_pool_idle_ms);

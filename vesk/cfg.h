@@ -62,6 +62,7 @@ struct vesk_cfg {
     size_t src_pool_max;   // idle keep-alive source connections kept for reuse; 0: none
     long src_pool_idle_ms; // how long one of them may stay idle
     bool splice_to_file;   // buffer path: socket -> pipe -> file in the kernel, not read + write
+    bool reserve_in_worker; // a plain-written file's blocks are reserved by a kernel worker
     lbdb_cfg lbdb;         // lbdb.port 0: no database
     acl_list allow_clients; // peers that may send requests; empty: everyone
     acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all

@@ -87,7 +87,8 @@ struct dw_task {
     timespec last_io_tm;   // last I/O on the source socket
     timespec start_tm;     // when the order was taken; the age in the status and the duration
     mtr_end end_reason;    // why it ends, counted when it is freed; the first reason set wins
-    n32_tag state;         // empty, "res" (host name being looked up), "ini", "rsp" or "dnl"
+    n32_tag state;         // empty, "res" (host name being looked up), "ini", "rsp", "rsv"
+                           // (file being reserved, source parked) or "dnl"
     rsv_wait* res_wait;    // the look-up of the source host while in "res", else null
     http_response* hresp;  // canned answer chosen for the client
     bool is_hashed;        // present in vesk_ctx::task_ht
@@ -98,6 +99,9 @@ struct dw_task {
     ino_t dfile_ino;  // later (an unfinished file that went stale is expired and made anew)
     bool src_reused;  // sfd came from the idle pool and has not yet given a byte of the answer
     bool src_keep;    // the source agreed to keep the connection: it may go back to the pool
+    uint64_t aio_token; // the reservation of the file running in the kernel's worker ("rsv")
+    char* held_body;    // body bytes of the head, kept until that reservation is done
+    size_t held_len;
     // Further addresses of the source host, in order: one refusing the connection passes the
     // task on to the next (alt_addrs[next_alt]) instead of failing it.
     char alt_addrs[RSV_MAX_ADDRS - 1][INET6_ADDRSTRLEN];

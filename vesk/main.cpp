@@ -415,6 +415,8 @@ int app_start()
         rc = lbdb_link_start();
     if (rc == 0 && (rc = rsv_init(g_cfg->resolve_tmout_ms)) == 0)
         g_ctx.rsv_on = true;
+    if (rc == 0 && g_cfg->reserve_in_worker)
+        start_reserve_worker();
     if (rc == 0)
         rc = rui_ctx_start(&g_ctx.rui);
     if (rc == 0 && g_cfg->udp_cha.url[0])
@@ -427,6 +429,7 @@ void app_shutdown()
     zlogf(L_DEBUG, "%s: begins\n");
     pprm_task_cleanup();
     destroy_vesk_ctx();
+    stop_reserve_worker();
     rqs_destroy();
     zlog(L_NORM, "%s shut down\n", g_app_name);
     const char* pidfile = g_cfg->rt.pidfile;
@@ -556,6 +559,8 @@ int on_error(int fd, int err, void* udata, void* aux)
         return ioh_dispatch(udata, 0, err);
     else if (tag->num == SPL_TAG)
         spl_on_event(static_cast<spl_entry*>(udata));
+    else if (tag->num == DOW_TAG)
+        on_parked_source_error(static_cast<dw_task*>(udata));
     return 0;
 }
 

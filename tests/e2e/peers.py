@@ -164,17 +164,20 @@ class Route:
     bytes instead of a composed answer; head_pause: seconds between the two pieces of the head,
     split at head_split (default: its middle); body_cut: send only that many body bytes, then
     after_cut: "close", "reset" (RST), "stall" (hold until the peer closes or stall_timeout) or
-    "resume" (pause for stall_timeout, then send the rest of the body).
+    "resume" (pause for stall_timeout, then send the rest of the body); cut_pause: seconds
+    between the cut and a "close" or "reset".
     """
 
     def __init__(self, status="200 OK", headers=(), body=b"", content_length="auto", raw=None,
-                 head_pause=None, head_split=None, body_cut=None, after_cut="close", stall_timeout=3.0):
+                 head_pause=None, head_split=None, body_cut=None, after_cut="close", stall_timeout=3.0,
+                 cut_pause=None):
         assert after_cut in ("close", "reset", "stall", "resume"), after_cut
         assert stall_timeout <= 5, "connection threads must end within a few seconds"
         self.status, self.headers, self.body = status, list(headers), bytes(body)
         self.content_length, self.raw = content_length, raw
         self.head_pause, self.head_split = head_pause, head_split
         self.body_cut, self.after_cut, self.stall_timeout = body_cut, after_cut, stall_timeout
+        self.cut_pause = cut_pause
 
     def head(self):
         lines = [f"HTTP/1.1 {self.status}"]
@@ -291,6 +294,8 @@ class BadSource:
                 self._hold(conn, 1.0)  # let the peer read everything before the close
                 return
             conn.sendall(body[:r.body_cut])
+            if r.cut_pause is not None and r.after_cut in ("close", "reset"):
+                self._stop.wait(min(r.cut_pause, 5))
             if r.after_cut == "resume":
                 self._stop.wait(r.stall_timeout)
                 conn.sendall(body[r.body_cut:])

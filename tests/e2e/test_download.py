@@ -21,17 +21,33 @@ BODY = bytes(range(256)) * 40  # 10240 bytes
 
 # ---- Successful downloads -----------------------------------------------------------------------
 
-@pytest.mark.parametrize("mmap_mb, small_len, big_len, splice", [
-    (1, 200_000, 3 * MiB + 12345, False),
-    (None, 8 * MiB, 8 * MiB + 1, False),  # the default limit: exactly 8 MiB is still mapped
-    (1, 200_000, 3 * MiB + 12345, True),  # the larger file spliced from the socket
-], ids=["mmap-1", "default-edge", "mmap-1-splice"])
-def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, small_len, big_len, splice):
+def start_with_worker(agent, *args, **kwargs):
+    """Starts the agent with reserve_in_worker on; skips the test where the kernel refuses the
+    ring (the agent then reserves on its loop, which the other tests cover)."""
+    agent.vesk["reserve_in_worker"] = True
+    r = agent.start(*args, **kwargs)
+    if "no submission ring; files are reserved on the loop" in agent.log():
+        agent.quit_within()
+        pytest.skip("the kernel refuses the submission ring here")
+    assert "file reservations go to a kernel worker" in agent.log()
+    return r
+
+
+@pytest.mark.parametrize("mmap_mb, small_len, big_len, splice, worker", [
+    (1, 200_000, 3 * MiB + 12345, False, False),
+    (None, 8 * MiB, 8 * MiB + 1, False, False),  # the default limit: exactly 8 MiB is still mapped
+    (1, 200_000, 3 * MiB + 12345, True, False),  # the larger file spliced from the socket
+    # Both reserved by the kernel's worker while the bytes that came with the head wait: the small
+    # one is whole in the head's read, so it completes as its reservation does.
+    (0, 500, 3 * MiB + 12345, True, True),
+], ids=["mmap-1", "default-edge", "mmap-1-splice", "mmap-1-splice-worker"])
+def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, small_len, big_len, splice,
+                                                        worker):
     """A file up to max_mmap_mb goes through the memory map, a larger one through plain writes."""
     if mmap_mb is not None:
         agent.vesk["max_mmap_mb"] = mmap_mb
     agent.vesk["splice_to_file"] = splice
-    agent.start()
+    start_with_worker(agent) if worker else agent.start()
     files = {"a.ts": os.urandom(small_len), "big.ts": os.urandom(big_len)}
     for name, data in files.items():
         nginx.put(f"live/{name}", data)
@@ -46,7 +62,7 @@ def test_download_is_answered_and_stored_byte_for_byte(agent, nginx, mmap_mb, sm
         assert re.search(rf"TASK-START {task}-Vesk\]", log) and re.search(rf"TASK-END {task}\] ", log), name
         assert digest(final.read_bytes()) == digest(data), name
     assert files_under(agent.data_dir) == ["live/a.ts", "live/big.ts"]
-    assert f"created mmap for [{agent.data_dir}/live/a.ts-Vesk]" in log
+    assert f"created {'mmap' if mmap_mb != 0 else 'file'} for [{agent.data_dir}/live/a.ts-Vesk]" in log
     assert f"created file for [{agent.data_dir}/live/big.ts-Vesk]" in log
 
 
@@ -440,13 +456,14 @@ SOURCE_CASES = {
 }
 
 
-@pytest.mark.parametrize("case", [*SOURCE_CASES, "closes_mid_body+splice", "resets_mid_body+splice"])
+@pytest.mark.parametrize("case", [*SOURCE_CASES, "closes_mid_body+splice", "resets_mid_body+splice",
+                                  "closes_mid_body+worker", "resets_mid_body+worker"])
 def test_source_failure_table(agent, bad_source, case):
     case, _, variant = case.partition("+")
     route, status, reason, kept, log_text = SOURCE_CASES[case]
     if variant:  # the body through the pipe instead of the map
         agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
-    agent.start()
+    start_with_worker(agent) if variant == "worker" else agent.start()
     fds = agent.fds()
     if route is not None:
         bad_source.route("/s.ts", **route)
@@ -537,15 +554,19 @@ def test_second_download_refused_while_the_first_runs(agent, bad_source, second,
     assert files_under(agent.data_dir) == ["live/2.ts"]
 
 
-def test_thousand_concurrent_downloads(agent, nginx):
+@pytest.mark.parametrize("worker", [False, True], ids=["loop", "worker"])
+def test_thousand_concurrent_downloads(agent, nginx, worker):
+    """With the worker, the reservations of many files overlap."""
     payloads = {f"b{i:04d}.ts": os.urandom(2000 + i * 7) for i in range(1000)}
     for name, data in payloads.items():
         nginx.put(f"burst/{name}", data)
     # Started with a low limit of open files, the agent raises it for its tasks.
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(1024, hard), hard))
+    if worker:
+        agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
     try:
-        agent.start()
+        start_with_worker(agent) if worker else agent.start()
     finally:
         resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
     pid = agent.proc.pid

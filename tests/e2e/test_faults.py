@@ -16,9 +16,10 @@ import pytest
 
 from conftest import (Scrape, ask, curl, dl_path, files_under, never_accepting_port, ping, request,
                       wait_scrape, wait_until)
-from test_download import BODY
+from test_download import BODY, start_with_worker
 
 KiB = 1024
+MiB = 1024 * KiB
 LOG_LINES_MAX = 300  # what one fault may add to the log at debug level
 
 
@@ -93,15 +94,25 @@ def fill(path, leave=0):
             pass
 
 
+def start_on_tmpfs_with_worker(agent, size):
+    agent.vesk["reserve_in_worker"] = True
+    data = start_on_tmpfs(agent, size)
+    if "no submission ring" in agent.log():
+        agent.quit_within()
+        pytest.skip("the kernel refuses the submission ring here")
+    return data
+
+
 @needs_tmpfs
-@pytest.mark.parametrize("splice", [False, True], ids=["mapped", "spliced"])
-def test_disk_filling_during_a_download(agent, bad_source, splice):
+@pytest.mark.parametrize("splice, worker", [(False, False), (True, False), (True, True)],
+                         ids=["mapped", "spliced", "worker"])
+def test_disk_filling_during_a_download(agent, bad_source, splice, worker):
     if splice:
         agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
     body = bytes(range(256)) * 400  # 100 KiB
     bad_source.route("/slow.ts", body=body, body_cut=10 * KiB, after_cut="resume", stall_timeout=1.5)
     bad_source.route("/late.ts", body=body)
-    data = start_on_tmpfs(agent, 512 * KiB)
+    data = (start_on_tmpfs_with_worker if worker else start_on_tmpfs)(agent, 512 * KiB)
     idle, lines = agent.fds(), log_lines(agent)
     ask(agent, bad_source.url("slow.ts"), "slow.ts")
     # The body is paused at 10 KiB: the disk fills up under the running download.
@@ -113,16 +124,50 @@ def test_disk_filling_during_a_download(agent, bad_source, splice):
     for i in range(3):
         ask(agent, bad_source.url("late.ts"), f"d/late{i}.ts", expect=(500, "Service error"))
     agent.wait_for_log(r"TASK-END ", count=4)
-    # Refused when its blocks are reserved, before a byte is stored: mapped or spliced alike.
+    # Refused when its blocks are reserved, before a byte is stored: mapped, spliced or reserved
+    # by the kernel's worker alike.
     assert "posix_fallocate(" in agent.log() and "ERROR(28): No space left on device" in agent.log()
     settles(agent, idle, lines, data, ["filler", "slow.ts"])
 
 
-@pytest.mark.parametrize("mmap_mb", [1, 0], ids=["mapped", "written"])
-def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb):
+@needs_tmpfs
+@pytest.mark.parametrize("end", ["source_resets", "sigterm"])
+def test_task_ends_while_the_worker_reserves_its_file(agent, bad_source, end):
+    """A reservation of 1 GiB on tmpfs keeps the kernel's worker busy for about a quarter of a
+    second; the task ends in the middle of it. Its client still gets an answer, nothing stays on
+    the disk, and the completion that comes after the task is dropped."""
+    agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
+    agent.vesk["log"]["level"] = "debug"  # the task's state changes show when the worker begins
+    route = dict(body=b"x" * 100, content_length=1024 * MiB, body_cut=100)
+    if end == "source_resets":
+        route.update(after_cut="reset", cut_pause=0.02)
+    else:
+        route.update(after_cut="stall", stall_timeout=4)
+    bad_source.route("/big.ts", **route)
+    data = start_on_tmpfs_with_worker(agent, 1100 * MiB)
+    idle, lines = agent.fds(), log_lines(agent)
+    answers = []
+    t = threading.Thread(target=lambda: answers.append(curl(agent.port, dl_path(bad_source.url("big.ts"), "big.ts"))))
+    t.start()
+    agent.wait_for_log(r"rsp -> rsv")
+    if end == "sigterm":
+        agent.quit_within()
+    t.join(timeout=5)
+    assert answers and (answers[0].status, answers[0].reason) == (500, "Service error"), answers
+    assert f"removing unfinished [{agent.data_dir}/big.ts-Vesk]" in agent.log()
+    if end == "sigterm":
+        return
+    agent.wait_for_log(r"source failed while the file was reserved")
+    agent.wait_for_log(r"reservation 0x[0-9a-f]+ finished after its task")
+    settles(agent, idle, lines, data, [])
+
+
+@pytest.mark.parametrize("mmap_mb, worker", [(1, False), (0, False), (0, True)],
+                         ids=["mapped", "written", "worker"])
+def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb, worker):
     nginx.put("big.ts", BODY * 20)  # 200 KiB
     agent.vesk["max_mmap_mb"] = mmap_mb
-    agent.start()
+    start_with_worker(agent) if worker else agent.start()
     subprocess.run(["prlimit", f"--pid={agent.proc.pid}", f"--fsize={64 * KiB}"], check=True)
     idle, lines = agent.fds(), log_lines(agent)
     ask(agent, nginx.url("big.ts"), "big.ts", expect=(500, "Service error"))

@@ -101,6 +101,9 @@ TEST_F(CfgTest, KeyTableDefaultsAndDumps)
     EXPECT_TRUE(contains(dump(), "\tidle source pool     = 16 connections, 2500 ms\n")) << dump();
     ASSERT_EQ(load(conf("splice_to_file = true;")), 0) << out;
     EXPECT_TRUE(cfg.splice_to_file && contains(dump(), "\tplain writes         = spliced from the socket\n"));
+    EXPECT_FALSE(cfg.reserve_in_worker) << "built in: every reservation on the loop";
+    ASSERT_EQ(load(conf("reserve_in_worker = true;")), 0) << out;
+    EXPECT_TRUE(cfg.reserve_in_worker && contains(dump(), "\tfile reservations    = in a kernel worker\n"));
 }
 
 TEST_F(CfgTest, RefusedFiles)
@@ -134,6 +137,8 @@ TEST_F(CfgTest, RefusedFiles)
          "load_config: invalid vesk.src_pool_max value: -1 (allowed 0..4096)\n"},
         {conf("src_pool_max = \"8\";"), "load_config: vesk.src_pool_max must be an integer\n"},
         {conf("splice_to_file = 1;"), "load_config: vesk.splice_to_file must be true or false\n"},
+        {conf("reserve_in_worker = \"yes\";"),
+         "load_config: vesk.reserve_in_worker must be true or false\n"},
         {conf("src_pool_idle_ms = 0;"),
          "load_config: invalid vesk.src_pool_idle_ms value: 0 (allowed 1..600000)\n"},
     };

@@ -10,6 +10,7 @@
 
 #include "ioh.h"
 #include "rqs.h"
+#include "test_support.h"
 #include "util.h"
 
 namespace {
@@ -17,22 +18,7 @@ namespace {
 std::vector<std::string> g_calls;
 int g_stop_after = 0; // the loop ends after this many handler calls
 
-int dispatch(void* u, int what, int err)
-{
-    return ioh_dispatch(u, what, err);
-}
-
-const rqs_callbacks k_cb = {
-    nullptr,
-    nullptr,
-    [](int, int err, void* u, void*) { return dispatch(u, RQS_READ, err); },
-    [](int, int err, void* u, void*) { return dispatch(u, RQS_WRITE, err); },
-    [](int, int err, void* u, void*) { return dispatch(u, 0, err); },
-    nullptr,
-    nullptr,
-    nullptr,
-    nullptr,
-};
+const rqs_callbacks k_cb = vsk_test::ioh_callbacks();
 
 int record(ioh_rec* h, int what, int)
 {

@@ -11,6 +11,7 @@
 
 #include "ioh.h"
 #include "rqs.h"
+#include "test_support.h"
 #include "util.h"
 #include "rsv.h"
 
@@ -19,18 +20,8 @@ namespace {
 std::vector<std::string> g_done;
 bool g_in_lookup = false;
 
-const rqs_callbacks k_cb = {
-    nullptr,
-    // Ends the loop once no name is being looked up any more.
-    [] { return rsv_lookups_active() == 0 ? 9 : 0; },
-    [](int, int err, void* u, void*) { return ioh_dispatch(u, RQS_READ, err); },
-    [](int, int err, void* u, void*) { return ioh_dispatch(u, RQS_WRITE, err); },
-    [](int, int err, void* u, void*) { return ioh_dispatch(u, 0, err); },
-    nullptr,
-    nullptr,
-    nullptr,
-    nullptr,
-};
+// Ends the loop once no name is being looked up any more.
+const rqs_callbacks k_cb = vsk_test::ioh_callbacks([] { return rsv_lookups_active() == 0 ? 9 : 0; });
 
 // Records "<arg> <status> <first address>", and checks that the addresses are few and distinct.
 void done(void* arg, int status, const char* const* addrs, size_t n)

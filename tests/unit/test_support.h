@@ -1,5 +1,6 @@
 // Helpers shared by the unit tests: capturing what the application log wrote, a scratch
-// directory that cleans up after itself, and counting the process's open descriptors.
+// directory that cleans up after itself, counting the process's open descriptors, and loop
+// callbacks for ioh records.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -12,7 +13,9 @@
 #include <string>
 #include <unistd.h>
 
+#include "ioh.h"
 #include "log.h"
+#include "rqs.h"
 #include "timeop.h"
 
 namespace vsk_test {
@@ -110,6 +113,23 @@ inline size_t open_fd_count()
         closedir(d);
     }
     return n;
+}
+
+// Loop callbacks for tests whose descriptors all belong to ioh records: every event goes to its
+// record's handler; `idle` (optional) is the loop's idle callback.
+inline rqs_callbacks ioh_callbacks(int (*idle)(void) = nullptr)
+{
+    return {
+        nullptr,
+        idle,
+        [](int, int err, void* u, void*) { return ioh_dispatch(u, RQS_READ, err); },
+        [](int, int err, void* u, void*) { return ioh_dispatch(u, RQS_WRITE, err); },
+        [](int, int err, void* u, void*) { return ioh_dispatch(u, 0, err); },
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+    };
 }
 
 } // namespace vsk_test

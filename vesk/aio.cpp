@@ -1,0 +1,223 @@
+// The kernel-side file work of the loop: one submission ring, its completions read on the loop
+// when their event descriptor turns readable.
+#include "aio.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <ctime>
+#include <liburing.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "ioh.h"
+#include "log.h"
+#include "rqs.h"
+#include "syswrap.h"
+
+LOG_MODULE(0, -1);
+
+enum : long { AIO_DRAIN_MS = 2000 };
+
+namespace {
+
+// One operation in flight. The kernel's worker looks its descriptor up only when it runs, so the
+// operation holds a duplicate of its own: the owner may close the original at any time, and a
+// file that is opened under the same number meanwhile is never the one the work is done on.
+struct aio_op {
+    uint64_t token;
+    int fd; // the duplicate, closed with the completion
+};
+
+struct aio_ring {
+    io_uring ring;
+    bool is_open;
+    bool is_broken; // a submission failed: what it left in the ring is never submitted again
+    ioh_rec rec;    // the event descriptor the kernel signals completions on
+    aio_done_fn done;
+    unsigned inflight;
+    aio_op* ops;    // `depth` slots; the user data of a submission is its slot
+    unsigned* free; // stack of free slots
+    unsigned nfree;
+    unsigned depth;
+};
+
+aio_ring g_aio;
+
+// Frees the slot of a completion; its token.
+uint64_t retire(const io_uring_cqe* cqe)
+{
+    const auto slot = static_cast<unsigned>(cqe->user_data);
+    ZASSERT(slot < g_aio.depth && g_aio.ops[slot].fd >= 0);
+    aio_op& op = g_aio.ops[slot];
+    (void)W_close("aio_retire", op.fd);
+    op.fd = -1;
+    g_aio.free[g_aio.nfree++] = slot;
+    --g_aio.inflight;
+    return op.token;
+}
+
+// Hands every completion waiting in the ring to the owner. Runs on the loop only, so a handler may
+// submit again (the next reap sees that completion).
+void reap()
+{
+    io_uring_cqe* cqe;
+    while (io_uring_peek_cqe(&g_aio.ring, &cqe) == 0) {
+        const int res = cqe->res;
+        const uint64_t token = retire(cqe);
+        io_uring_cqe_seen(&g_aio.ring, cqe);
+        g_aio.done(token, res);
+    }
+}
+
+int on_event(ioh_rec* h, int what, int)
+{
+    if (what == RQS_READ) {
+        // The counter is consumed before the ring is read: a completion posted in between signals
+        // again and is reaped in the next pass instead of being slept through.
+        uint64_t n;
+        if (read(h->fd, &n, sizeof(n)) < 0 && errno != EAGAIN) {
+            const int e = errno;
+            zlogf(L_ERR, "%s: read(fd%d) ERROR(%d): %s\n", h->fd, e, strerror(e));
+        }
+    }
+    reap();
+    return 0;
+}
+
+} // namespace
+
+int aio_init(unsigned depth, aio_done_fn done)
+{
+    ZASSERT(!g_aio.is_open && done);
+    io_uring_params p{};
+    // The ring never needs more completions than operations in flight, which submission bounds.
+    int rc = io_uring_queue_init_params(depth, &g_aio.ring, &p);
+    if (rc < 0) {
+        zlogf(L_ERR, "%s: io_uring_queue_init(%u) ERROR(%d): %s\n", depth, -rc, strerror(-rc));
+        return -rc;
+    }
+    const int efd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (efd < 0) {
+        rc = errno;
+        zlogf(L_ERR, "%s: eventfd() ERROR(%d): %s\n", rc, strerror(rc));
+        io_uring_queue_exit(&g_aio.ring);
+        return rc;
+    }
+    if ((rc = io_uring_register_eventfd(&g_aio.ring, efd)) < 0) {
+        zlogf(L_ERR, "%s: io_uring_register_eventfd(fd%d) ERROR(%d): %s\n", efd, -rc,
+              strerror(-rc));
+        (void)W_close(__func__, efd);
+        io_uring_queue_exit(&g_aio.ring);
+        return -rc;
+    }
+    ioh_init(&g_aio.rec, efd, on_event, nullptr);
+    if (ioh_want(&g_aio.rec, RQS_READ) != 0) {
+        (void)W_close(__func__, efd);
+        io_uring_queue_exit(&g_aio.ring);
+        return EIO;
+    }
+    g_aio.done = done;
+    g_aio.inflight = 0;
+    g_aio.depth = p.sq_entries;
+    g_aio.ops = static_cast<aio_op*>(calloc(g_aio.depth, sizeof(aio_op)));
+    g_aio.free = static_cast<unsigned*>(calloc(g_aio.depth, sizeof(unsigned)));
+    if (!g_aio.ops || !g_aio.free)
+        log_abort("%s: out of memory for %u slots\n", __func__, g_aio.depth);
+    g_aio.nfree = g_aio.depth;
+    for (unsigned i = 0; i < g_aio.depth; ++i) {
+        g_aio.ops[i].fd = -1;
+        g_aio.free[i] = g_aio.depth - 1 - i;
+    }
+    g_aio.is_broken = false;
+    g_aio.is_open = true;
+    zlogf(L_DEBUG, "%s: ring of %u entries, completions on fd%d\n", p.sq_entries, efd);
+    return 0;
+}
+
+void aio_destroy()
+{
+    if (!g_aio.is_open)
+        return;
+    (void)ioh_want(&g_aio.rec, 0);
+    (void)W_close(__func__, g_aio.rec.fd);
+    g_aio.rec.fd = -1;
+    // The work in flight is waited for, its completions dropped: a duplicate closed before its
+    // worker looked it up could name another file by then. A filesystem that hangs is not waited
+    // for beyond AIO_DRAIN_MS; its duplicates are then left open, the process being on its way out.
+    timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += AIO_DRAIN_MS / 1000;
+    bool drained = true;
+    while (drained && g_aio.inflight > 0) {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const long left_ms = (until.tv_sec - now.tv_sec) * 1000 + (until.tv_nsec - now.tv_nsec) / 1000000;
+        __kernel_timespec ts{left_ms / 1000, (left_ms % 1000) * 1000000};
+        io_uring_cqe* cqe;
+        const int rc = left_ms > 0 ? io_uring_wait_cqe_timeout(&g_aio.ring, &cqe, &ts) : -ETIME;
+        if (rc == -EINTR)
+            continue;
+        if (rc < 0) {
+            zlogf(L_WARN, "%s: %u file operations still in the kernel's workers: not waited for\n",
+                  g_aio.inflight);
+            drained = false;
+            break;
+        }
+        (void)retire(cqe);
+        io_uring_cqe_seen(&g_aio.ring, cqe);
+    }
+    io_uring_queue_exit(&g_aio.ring);
+    for (unsigned i = 0; drained && i < g_aio.depth; ++i) {
+        if (g_aio.ops[i].fd >= 0)
+            (void)W_close(__func__, g_aio.ops[i].fd);
+    }
+    free(g_aio.ops);
+    free(g_aio.free);
+    g_aio.ops = nullptr;
+    g_aio.free = nullptr;
+    g_aio.is_open = false;
+    g_aio.inflight = 0;
+}
+
+bool aio_on()
+{
+    return g_aio.is_open;
+}
+
+int aio_fallocate(int fd, off_t len, uint64_t token)
+{
+    ZASSERT(g_aio.is_open);
+    if (g_aio.is_broken)
+        return EIO;
+    if (g_aio.nfree == 0)
+        return EBUSY;
+    const int dup = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (dup < 0) {
+        const int e = errno;
+        zlogf(L_ERR, "%s: fcntl(fd%d, F_DUPFD_CLOEXEC) ERROR(%d): %s\n", fd, e, strerror(e));
+        return e;
+    }
+    // Taken only now: an entry taken is submitted with the next call, filled or not.
+    io_uring_sqe* sqe = io_uring_get_sqe(&g_aio.ring);
+    if (!sqe) {
+        (void)W_close(__func__, dup);
+        return EBUSY;
+    }
+    const unsigned slot = g_aio.free[--g_aio.nfree];
+    g_aio.ops[slot] = {token, dup};
+    io_uring_prep_fallocate(sqe, dup, 0, 0, len);
+    io_uring_sqe_set_data64(sqe, slot);
+    const int rc = io_uring_submit(&g_aio.ring);
+    if (rc < 0) {
+        // The entry may stay in the ring: its duplicate stays open (until the ring is closed) so
+        // that its number cannot name another file, and no later submission carries it along.
+        zlogf(L_ERR, "%s: io_uring_submit() ERROR(%d): %s; file work stays on the loop\n", -rc,
+              strerror(-rc));
+        g_aio.is_broken = true;
+        return -rc;
+    }
+    ++g_aio.inflight;
+    return 0;
+}

@@ -1,0 +1,25 @@
+// Kernel-side file work for the loop: a submission ring whose blocking file operations run in the
+// kernel's own workers, on whatever core is free, while the loop goes on with its sockets. Its
+// completions wake the loop through an event descriptor, like any other readable socket.
+#pragma once
+#include <cstdint>
+#include <sys/types.h>
+
+// Called on the loop for each finished operation: `token` as submitted, `res` 0 or a negative
+// errno value.
+using aio_done_fn = void (*)(uint64_t token, int res);
+
+// Opens the ring for up to `depth` operations in flight and registers its completions with the
+// loop (which must be up). 0, or the errno value of the step that failed (logged; nothing is left
+// open): a kernel without the ring, or one that forbids it, says so here.
+[[nodiscard]] int aio_init(unsigned depth, aio_done_fn done);
+// Closes the ring; operations still in flight are finished by the kernel and their completions
+// dropped. Nothing when it is not open.
+void aio_destroy();
+// True between a successful aio_init and aio_destroy.
+bool aio_on();
+// Reserves `len` bytes from offset 0 of `fd` (fallocate mode 0) in a kernel worker. The kernel
+// holds its own reference to the file, so `fd` may be closed before the completion. 0 when
+// submitted; EBUSY when the ring is full, or the submission's errno value: the caller then
+// reserves in place.
+int aio_fallocate(int fd, off_t len, uint64_t token);
