@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <ctime>
 #include <liburing.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -18,7 +17,7 @@
 
 LOG_MODULE(0, -1);
 
-enum : long { AIO_DRAIN_MS = 2000 };
+enum : long { AIO_DRAIN_MS = 2000, AIO_DRAIN_STEP_MS = 100 };
 
 namespace {
 
@@ -144,20 +143,16 @@ void aio_destroy()
     (void)W_close(__func__, g_aio.rec.fd);
     g_aio.rec.fd = -1;
     // The work in flight is waited for, its completions dropped: a duplicate closed before its
-    // worker looked it up could name another file by then. A filesystem that hangs is not waited
-    // for beyond AIO_DRAIN_MS; its duplicates are then left open, the process being on its way out.
-    timespec until;
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += AIO_DRAIN_MS / 1000;
+    // worker looked it up could name another file by then. A filesystem on which no operation
+    // finishes for AIO_DRAIN_MS is not waited for; its duplicates are then left open, the process
+    // being on its way out.
     bool drained = true;
+    long still_ms = 0;
     while (drained && g_aio.inflight > 0) {
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const long left_ms = (until.tv_sec - now.tv_sec) * 1000 + (until.tv_nsec - now.tv_nsec) / 1000000;
-        __kernel_timespec ts{left_ms / 1000, (left_ms % 1000) * 1000000};
+        __kernel_timespec ts{0, AIO_DRAIN_STEP_MS * 1000000};
         io_uring_cqe* cqe;
-        const int rc = left_ms > 0 ? io_uring_wait_cqe_timeout(&g_aio.ring, &cqe, &ts) : -ETIME;
-        if (rc == -EINTR)
+        const int rc = io_uring_wait_cqe_timeout(&g_aio.ring, &cqe, &ts);
+        if (rc == -EINTR || (rc == -ETIME && (still_ms += AIO_DRAIN_STEP_MS) < AIO_DRAIN_MS))
             continue;
         if (rc < 0) {
             zlogf(L_WARN, "%s: %u file operations still in the kernel's workers: not waited for\n",
@@ -165,6 +160,7 @@ void aio_destroy()
             drained = false;
             break;
         }
+        still_ms = 0;
         (void)retire(cqe);
         io_uring_cqe_seen(&g_aio.ring, cqe);
     }
