@@ -162,6 +162,37 @@ def test_task_ends_while_the_worker_reserves_its_file(agent, bad_source, end):
     settles(agent, idle, lines, data, [])
 
 
+IO_URING_SWITCH = "/proc/sys/kernel/io_uring_disabled"
+
+
+@pytest.mark.skipif(os.geteuid() != 0 or not os.access(IO_URING_SWITCH, os.W_OK),
+                    reason="needs root and the kernel's io_uring switch")
+def test_kernel_refusing_the_ring_leaves_reservations_on_the_loop(agent, nginx):
+    """A kernel (or container) that forbids the submission ring: the agent says so once at start
+    and serves as without reserve_in_worker. The switch is machine-wide, so it is off only while
+    the agent starts."""
+    nginx.put("w.ts", BODY * 30)
+    agent.vesk.update(max_mmap_mb=0, splice_to_file=True, reserve_in_worker=True)
+    agent.vesk["log"]["level"] = "debug"  # a task that waited for the worker would show "-> rsv"
+    before = open(IO_URING_SWITCH).read().strip()
+    try:
+        with open(IO_URING_SWITCH, "w") as f:
+            f.write("2")
+        agent.start()
+    finally:
+        with open(IO_URING_SWITCH, "w") as f:
+            f.write(before)
+    log = agent.log()
+    assert "reserve_in_worker: no submission ring; files are reserved on the loop" in log
+    assert "ERROR(1): Operation not permitted" in log
+    ask(agent, nginx.url("w.ts"), "w.ts")
+    agent.wait_for_log(r"TASK-END ")
+    assert (agent.data_dir / "w.ts").read_bytes() == BODY * 30
+    log = agent.log()
+    assert f"created file for [{agent.data_dir}/w.ts-Vesk]" in log and "-> rsv" not in log
+    agent.quit_within()
+
+
 @pytest.mark.parametrize("mmap_mb, worker", [(1, False), (0, False), (0, True)],
                          ids=["mapped", "written", "worker"])
 def test_file_size_limit_fails_the_download_cleanly(agent, nginx, mmap_mb, worker):
