@@ -1,13 +1,11 @@
 // The kernel-side file work of the loop: one submission ring, its completions read on the loop
-// when their event descriptor turns readable.
+// when the ring's descriptor turns readable.
 #include "aio.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <liburing.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include "ioh.h"
@@ -22,18 +20,19 @@ enum : long { AIO_DRAIN_MS = 2000, AIO_DRAIN_STEP_MS = 100 };
 namespace {
 
 // One operation in flight. The kernel's worker looks its descriptor up only when it runs, so the
-// operation holds a duplicate of its own: the owner may close the original at any time, and a
-// file that is opened under the same number meanwhile is never the one the work is done on.
+// number must name the same file until then: its owner keeps it open, or hands it over here to be
+// closed with the completion.
 struct aio_op {
     uint64_t token;
-    int fd; // the duplicate, closed with the completion
+    int fd;       // the descriptor worked on; -1 for a free slot
+    bool adopted; // closed with the completion
 };
 
 struct aio_ring {
     io_uring ring;
     bool is_open;
     bool is_broken; // a submission failed: what it left in the ring is never submitted again
-    ioh_rec rec;    // the event descriptor the kernel signals completions on
+    ioh_rec rec;    // the ring's descriptor on the loop
     aio_done_fn done;
     unsigned inflight;
     aio_op* ops;    // `depth` slots; the user data of a submission is its slot
@@ -50,8 +49,10 @@ uint64_t retire(const io_uring_cqe* cqe)
     const auto slot = static_cast<unsigned>(cqe->user_data);
     ZASSERT(slot < g_aio.depth && g_aio.ops[slot].fd >= 0);
     aio_op& op = g_aio.ops[slot];
-    (void)W_close("aio_retire", op.fd);
+    if (op.adopted)
+        (void)W_close("aio_retire", op.fd);
     op.fd = -1;
+    op.adopted = false;
     g_aio.free[g_aio.nfree++] = slot;
     --g_aio.inflight;
     return op.token;
@@ -70,17 +71,9 @@ void reap()
     }
 }
 
-int on_event(ioh_rec* h, int what, int)
+// The ring's own descriptor is readable while completions wait in it; reading them all ends that.
+int on_event(ioh_rec*, int, int)
 {
-    if (what == RQS_READ) {
-        // The counter is consumed before the ring is read: a completion posted in between signals
-        // again and is reaped in the next pass instead of being slept through.
-        uint64_t n;
-        if (read(h->fd, &n, sizeof(n)) < 0 && errno != EAGAIN) {
-            const int e = errno;
-            zlogf(L_ERR, "%s: read(fd%d) ERROR(%d): %s\n", h->fd, e, strerror(e));
-        }
-    }
     reap();
     return 0;
 }
@@ -97,23 +90,8 @@ int aio_init(unsigned depth, aio_done_fn done)
         zlogf(L_ERR, "%s: io_uring_queue_init(%u) ERROR(%d): %s\n", depth, -rc, strerror(-rc));
         return -rc;
     }
-    const int efd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (efd < 0) {
-        rc = errno;
-        zlogf(L_ERR, "%s: eventfd() ERROR(%d): %s\n", rc, strerror(rc));
-        io_uring_queue_exit(&g_aio.ring);
-        return rc;
-    }
-    if ((rc = io_uring_register_eventfd(&g_aio.ring, efd)) < 0) {
-        zlogf(L_ERR, "%s: io_uring_register_eventfd(fd%d) ERROR(%d): %s\n", efd, -rc,
-              strerror(-rc));
-        (void)W_close(__func__, efd);
-        io_uring_queue_exit(&g_aio.ring);
-        return -rc;
-    }
-    ioh_init(&g_aio.rec, efd, on_event, nullptr);
+    ioh_init(&g_aio.rec, g_aio.ring.ring_fd, on_event, nullptr);
     if (ioh_want(&g_aio.rec, RQS_READ) != 0) {
-        (void)W_close(__func__, efd);
         io_uring_queue_exit(&g_aio.ring);
         return EIO;
     }
@@ -131,7 +109,7 @@ int aio_init(unsigned depth, aio_done_fn done)
     }
     g_aio.is_broken = false;
     g_aio.is_open = true;
-    zlogf(L_DEBUG, "%s: ring of %u entries, completions on fd%d\n", p.sq_entries, efd);
+    zlogf(L_DEBUG, "%s: ring of %u entries on fd%d\n", p.sq_entries, g_aio.ring.ring_fd);
     return 0;
 }
 
@@ -140,12 +118,11 @@ void aio_destroy()
     if (!g_aio.is_open)
         return;
     (void)ioh_want(&g_aio.rec, 0);
-    (void)W_close(__func__, g_aio.rec.fd);
     g_aio.rec.fd = -1;
-    // The work in flight is waited for, its completions dropped: a duplicate closed before its
+    // The work in flight is waited for, its completions dropped: a descriptor closed before its
     // worker looked it up could name another file by then. A filesystem on which no operation
-    // finishes for AIO_DRAIN_MS is not waited for; its duplicates are then left open, the process
-    // being on its way out.
+    // finishes for AIO_DRAIN_MS is not waited for; the descriptors handed over are then left
+    // open, the process being on its way out.
     bool drained = true;
     long still_ms = 0;
     while (drained && g_aio.inflight > 0) {
@@ -166,7 +143,7 @@ void aio_destroy()
     }
     io_uring_queue_exit(&g_aio.ring);
     for (unsigned i = 0; drained && i < g_aio.depth; ++i) {
-        if (g_aio.ops[i].fd >= 0)
+        if (g_aio.ops[i].fd >= 0 && g_aio.ops[i].adopted)
             (void)W_close(__func__, g_aio.ops[i].fd);
     }
     free(g_aio.ops);
@@ -175,6 +152,18 @@ void aio_destroy()
     g_aio.free = nullptr;
     g_aio.is_open = false;
     g_aio.inflight = 0;
+}
+
+bool aio_adopt(uint64_t token)
+{
+    for (unsigned i = 0; g_aio.is_open && i < g_aio.depth; ++i) {
+        aio_op& op = g_aio.ops[i];
+        if (op.fd >= 0 && op.token == token && !op.adopted) {
+            op.adopted = true;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool aio_on()
@@ -187,28 +176,17 @@ int aio_fallocate(int fd, off_t len, uint64_t token)
     ZASSERT(g_aio.is_open);
     if (g_aio.is_broken)
         return EIO;
-    if (g_aio.nfree == 0)
+    io_uring_sqe* sqe = g_aio.nfree > 0 ? io_uring_get_sqe(&g_aio.ring) : nullptr;
+    if (!sqe)
         return EBUSY;
-    const int dup = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (dup < 0) {
-        const int e = errno;
-        zlogf(L_ERR, "%s: fcntl(fd%d, F_DUPFD_CLOEXEC) ERROR(%d): %s\n", fd, e, strerror(e));
-        return e;
-    }
-    // Taken only now: an entry taken is submitted with the next call, filled or not.
-    io_uring_sqe* sqe = io_uring_get_sqe(&g_aio.ring);
-    if (!sqe) {
-        (void)W_close(__func__, dup);
-        return EBUSY;
-    }
     const unsigned slot = g_aio.free[--g_aio.nfree];
-    g_aio.ops[slot] = {token, dup};
-    io_uring_prep_fallocate(sqe, dup, 0, 0, len);
+    g_aio.ops[slot] = {token, fd, false};
+    io_uring_prep_fallocate(sqe, fd, 0, 0, len);
     io_uring_sqe_set_data64(sqe, slot);
     const int rc = io_uring_submit(&g_aio.ring);
     if (rc < 0) {
-        // The entry may stay in the ring: its duplicate stays open (until the ring is closed) so
-        // that its number cannot name another file, and no later submission carries it along.
+        // The entry may stay in the ring, naming a descriptor its owner keeps: no later submission
+        // may carry it to the kernel. Its slot stays taken.
         zlogf(L_ERR, "%s: io_uring_submit() ERROR(%d): %s; file work stays on the loop\n", -rc,
               strerror(-rc));
         g_aio.is_broken = true;

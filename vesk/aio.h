@@ -1,6 +1,6 @@
 // Kernel-side file work for the loop: a submission ring whose blocking file operations run in the
 // kernel's own workers, on whatever core is free, while the loop goes on with its sockets. Its
-// completions wake the loop through an event descriptor, like any other readable socket.
+// completions wake the loop through the ring's descriptor, like any other readable socket.
 #pragma once
 #include <cstdint>
 #include <sys/types.h>
@@ -18,8 +18,12 @@ using aio_done_fn = void (*)(uint64_t token, int res);
 void aio_destroy();
 // True between a successful aio_init and aio_destroy.
 bool aio_on();
-// Reserves `len` bytes from offset 0 of `fd` (fallocate mode 0) in a kernel worker. The kernel
-// holds its own reference to the file, so `fd` may be closed before the completion. 0 when
-// submitted; EBUSY when the ring is full, or the submission's errno value: the caller then
-// reserves in place.
+// Reserves `len` bytes from offset 0 of `fd` (fallocate mode 0) in a kernel worker. The worker
+// looks `fd` up only when it runs: until the completion the caller keeps it open, or hands it
+// over with aio_adopt. 0 when submitted; EBUSY when the ring is full, or the submission's errno
+// value: the caller then reserves in place.
 int aio_fallocate(int fd, off_t len, uint64_t token);
+// Hands the descriptor of the operation `token` over: it is closed with the completion (or at
+// aio_destroy). False when no such operation is in flight; the descriptor is then still the
+// caller's.
+bool aio_adopt(uint64_t token);

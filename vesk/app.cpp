@@ -691,11 +691,13 @@ void free_dw(dw_task* dw)
         }
     }
     if (dw->dfd > 0) {
-        (void)W_close(__func__, dw->dfd);
+        // A reservation still in the worker works on this descriptor: it is closed when that
+        // ends, so that its number cannot name another file meanwhile. Its completion finds the
+        // task gone.
+        if (!(dw->aio_token && aio_adopt(dw->aio_token)))
+            (void)W_close(__func__, dw->dfd);
         dw->dfd = -1;
     }
-    // A reservation still in the worker goes on with the ring's own descriptor of the file; its
-    // completion finds the task gone.
     dw->aio_token = 0;
     free(dw->held_body);
     dw->held_body = nullptr;

@@ -94,7 +94,7 @@ TEST_F(AioTest, FullRingRefusesAndEveryReservationCompletesOnTheLoop)
         close(fd);
 }
 
-TEST_F(AioTest, FailureComesBackAsNegativeErrnoAndClosedDescriptorStillGetsItsBlocks)
+TEST_F(AioTest, FailureComesBackAsNegativeErrnoAndAnAdoptedDescriptorLivesUntilTheCompletion)
 {
     const int ro = open_file("ro", O_RDONLY | O_CREAT);
     const int rw = open_file("rw");
@@ -102,27 +102,40 @@ TEST_F(AioTest, FailureComesBackAsNegativeErrnoAndClosedDescriptorStillGetsItsBl
     ASSERT_LE(0, rw);
     ASSERT_EQ(0, aio_fallocate(ro, 4096, 1));
     ASSERT_EQ(0, aio_fallocate(rw, 1 << 20, 2));
-    // A task that ends closes its file at once; the reservation goes on with the kernel's own
-    // reference, and a new file that gets the same number is not touched.
-    close(rw);
-    const int reuse = open_file("reuse");
-    ASSERT_LE(0, reuse);
+    // A task that ends hands its file over instead of closing it: a file opened meanwhile cannot
+    // get its number, so the late reservation still lands where it was meant to.
+    EXPECT_TRUE(aio_adopt(2));
+    EXPECT_FALSE(aio_adopt(2)) << "handed over once";
+    EXPECT_FALSE(aio_adopt(99)) << "no such operation";
+    const int other = open_file("other");
+    ASSERT_LE(0, other);
+    EXPECT_NE(rw, other);
     wait_for(2);
     EXPECT_EQ(-EBADF, g_done[1]);
     EXPECT_EQ(0, g_done[2]);
     EXPECT_EQ(1 << 20, size_of("rw"));
-    EXPECT_EQ(0, size_of("reuse"));
+    EXPECT_EQ(0, size_of("other"));
+    EXPECT_EQ(-1, fcntl(rw, F_GETFD)) << "closed with its completion";
+    EXPECT_FALSE(aio_adopt(1)) << "no longer in flight";
     close(ro);
-    close(reuse);
+    close(other);
 }
 
 TEST_F(AioTest, ClosedWithWorkInFlightAndOpenedAgain)
 {
     const int fd = open_file("f");
+    const int handed = open_file("g");
     ASSERT_LE(0, fd);
+    ASSERT_LE(0, handed);
     ASSERT_EQ(0, aio_fallocate(fd, 64 << 20, 7));
+    ASSERT_EQ(0, aio_fallocate(handed, 4096, 6));
+    ASSERT_TRUE(aio_adopt(6));
+    // Waits for both, so neither descriptor is closed under a running worker.
     aio_destroy();
     EXPECT_FALSE(aio_on());
+    EXPECT_EQ(64 << 20, size_of("f"));
+    EXPECT_EQ(4096, size_of("g"));
+    EXPECT_EQ(-1, fcntl(handed, F_GETFD)) << "a handed-over descriptor is closed with the ring";
     aio_destroy(); // nothing left to close
     ASSERT_EQ(0, aio_init(4, on_done));
     EXPECT_TRUE(aio_on());
