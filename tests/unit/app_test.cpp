@@ -2,10 +2,13 @@
 // file on both write paths, its completion and removal, with task records in a temporary data
 // directory. Whole downloads through the event loop are covered end to end.
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 
 #include "app.h"
 #include "cfg.h"
+#include "ioh.h"
+#include "rqs.h"
 #include "rq.h"
 #include "test_support.h"
 #include "webops.h"
@@ -217,6 +220,38 @@ TEST_F(AppTest, RenameFailureStillRegisters)
     EXPECT_DEATH((log_default(g_log, stderr), complete_download(&dw)),
                  "add_lbdb_url: id=\\[reg.ts\\], url=\\[http://me:81/reg.ts\\]");
     free_dw(&dw);
+}
+
+// A task that ends while the kernel's worker reserves its file hands the descriptor to the ring:
+// the number stays taken until the completion is read, so no file opened meanwhile can be the one
+// the late reservation lands on; then it is closed, and the completion finds no task.
+TEST_F(AppTest, TaskEndingDuringItsReservationHandsTheFileToTheRing)
+{
+    const rqs_config loop{vsk_test::ioh_callbacks(), 0};
+    ASSERT_EQ(0, rqs_init(&loop));
+    g_cfg->max_mmap_mb = 0;
+    start_reserve_worker();
+    if (contains(log.take(), "no submission ring")) {
+        rqs_destroy();
+        GTEST_SKIP() << "the kernel refuses the submission ring here";
+    }
+    dw_task dw;
+    ASSERT_EQ(make_dest(&dw, "held.ts", "HTTP/1.1 200 OK\r\nContent-Length: 1048576\r\n\r\nabc"),
+              EINPROGRESS);
+    EXPECT_EQ(dw.held_len, 3u);
+    const int fd = dw.dfd;
+    free_dw(&dw);
+    EXPECT_FALSE(fs::exists(dir / "held.ts-Vesk"));
+    EXPECT_NE(-1, fcntl(fd, F_GETFD)) << "kept open for the worker";
+    ioh_rec stop{};
+    ASSERT_EQ(0, ioh_timer_open(&stop, [](ioh_rec*, int, int) { return 9; }, nullptr));
+    ASSERT_EQ(0, ioh_timer_arm(&stop, 300));
+    (void)rqs_event_loop();
+    ioh_timer_close(&stop);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "closed with the completion";
+    EXPECT_TRUE(contains(log.take(), "finished after its task"));
+    stop_reserve_worker();
+    rqs_destroy();
 }
 
 } // namespace
