@@ -403,6 +403,14 @@ static void answer_client(dw_task* dw);
 static int head_judged(dw_task* dw, int rc, int code);
 static int fill_dest_file(dw_task* dw, int reserved, const char* body, ssize_t tail_len);
 
+// Frees the body bytes a task kept while its file was being reserved.
+static void drop_held_body(dw_task* dw)
+{
+    free(dw->held_body);
+    dw->held_body = nullptr;
+    dw->held_len = 0;
+}
+
 // Connects the task to its source at `addr` (null: the URL's own host) and waits for the
 // connection to become writable. 0, 13 when the address is refused by src_addr_allowed, or
 // another failure (logged); the caller removes the task.
@@ -699,9 +707,7 @@ void free_dw(dw_task* dw)
         dw->dfd = -1;
     }
     dw->aio_token = 0;
-    free(dw->held_body);
-    dw->held_body = nullptr;
-    dw->held_len = 0;
+    drop_held_body(dw);
     if (dw->is_mmapped) {
         ZASSERT(dw->buf && dw->buflen);
         if (munmap(dw->buf, dw->buflen)) {
@@ -919,13 +925,10 @@ static void on_reserved(uint64_t token, int res)
         // The C library emulates a reservation the filesystem does not make itself.
         rc = W_fallocate("mk_dest_file", dw->dfd, 0, static_cast<off_t>(dw->content_length));
     } else if (rc != 0) {
-        zlog(L_ERR, "%s: posix_fallocate(%d, %ld, %ld) ERROR(%d): %s\n", "mk_dest_file", dw->dfd,
-             0L, static_cast<long>(dw->content_length), rc, strerror(rc));
+        W_fallocate_failed("mk_dest_file", dw->dfd, 0, static_cast<off_t>(dw->content_length), rc);
     }
     rc = fill_dest_file(dw, rc, dw->held_body, static_cast<ssize_t>(dw->held_len));
-    free(dw->held_body);
-    dw->held_body = nullptr;
-    dw->held_len = 0;
+    drop_held_body(dw);
     if (rc) {
         dw->hresp = &g_resp_err;
         dw_set_end(dw, MTR_END_WRITE_ERROR);

@@ -30,6 +30,8 @@ int W_ftruncate(const char* caller, int fd, off_t length);
 // error number (ENOSPC, EDQUOT, EFBIG, ...); EOPNOTSUPP (the filesystem cannot reserve) is logged
 // at debug level only, as callers fall back.
 int W_fallocate(const char* caller, int fd, off_t offset, off_t len);
+// Logs the failure `rc` of a reservation made elsewhere (a kernel worker) as W_fallocate does.
+void W_fallocate_failed(const char* caller, int fd, off_t offset, off_t len, int rc);
 // The new descriptor (the caller's to close) or -1.
 [[nodiscard]] int W_open(const char* caller, const char* path, int flags, mode_t mode);
 int W_connect(const char* caller, int fd, const struct sockaddr* addr, socklen_t addrlen);

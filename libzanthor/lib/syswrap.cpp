@@ -101,12 +101,17 @@ int W_ftruncate(const char* caller, int fd, off_t length)
     return rc;
 }
 
+void W_fallocate_failed(const char* caller, int fd, off_t offset, off_t len, int rc)
+{
+    zlog(rc == EOPNOTSUPP ? L_DEBUG : L_ERR, "%s: posix_fallocate(%d, %ld, %ld) ERROR(%d): %s\n",
+         caller, fd, static_cast<long>(offset), static_cast<long>(len), rc, strerror(rc));
+}
+
 int W_fallocate(const char* caller, int fd, off_t offset, off_t len)
 {
     const int rc = posix_fallocate(fd, offset, len);
     if (rc != 0)
-        zlog(rc == EOPNOTSUPP ? L_DEBUG : L_ERR, "%s: posix_fallocate(%d, %ld, %ld) ERROR(%d): %s\n",
-             caller, fd, static_cast<long>(offset), static_cast<long>(len), rc, strerror(rc));
+        W_fallocate_failed(caller, fd, offset, len, rc);
     return rc;
 }
 
