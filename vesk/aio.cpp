@@ -84,8 +84,17 @@ int aio_init(unsigned depth, aio_done_fn done)
 {
     ZASSERT(!g_aio.is_open && done);
     io_uring_params p{};
+    // A finished operation is handed back to the loop on its next system call, which it makes many
+    // of while busy, or by waking it from its wait, instead of by an interrupt of the loop's core
+    // for every completion. Only the loop submits. A kernel that knows neither flag gets a plain
+    // ring.
+    p.flags = IORING_SETUP_COOP_TASKRUN | IORING_SETUP_SINGLE_ISSUER;
     // The ring never needs more completions than operations in flight, which submission bounds.
     int rc = io_uring_queue_init_params(depth, &g_aio.ring, &p);
+    if (rc == -EINVAL) {
+        p = io_uring_params{};
+        rc = io_uring_queue_init_params(depth, &g_aio.ring, &p);
+    }
     if (rc < 0) {
         zlogf(L_ERR, "%s: io_uring_queue_init(%u) ERROR(%d): %s\n", depth, -rc, strerror(-rc));
         return -rc;
