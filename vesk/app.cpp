@@ -810,18 +810,6 @@ int request_data_stream(dw_task* dw)
 
 int read_src_response(dw_task* dw)
 {
-    if (dw->src_reused) {
-        // A source may close an idle connection at any time, also just as the request went out;
-        // the end of the stream (or a reset) before the first byte of the answer says so.
-        char c;
-        const ssize_t n = recv(dw->sfd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
-        if (n > 0)
-            dw->src_reused = false;
-        else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
-            retry_on_new_source(dw);
-        if (n <= 0)
-            return 11;
-    }
     char* buf = static_cast<char*>(calloc(1, DW_RESP_BUFSZ));
     if (!buf)
         return -12;
@@ -830,7 +818,17 @@ int read_src_response(dw_task* dw)
     // The buffer and the context live for this call only: the bytes of a partial head are
     // dropped, and the next event reads what follows as a head of its own.
     http_resp_ctx resp{};
+    // A source may close an idle connection at any time, also just as the request went out;
+    // the end of the stream (or a reset) before the first byte of the answer says so.
+    resp.may_be_closed = dw->src_reused;
     int rc = recv_http_response(dw->sfd, buf, DW_RESP_BUFSZ - 1, &resp);
+    if (resp.total > 0)
+        dw->src_reused = false;
+    if (rc == -1 && resp.closed_unread && dw->src_reused) {
+        free(buf);
+        retry_on_new_source(dw);
+        return 11;
+    }
     if (rc == 11) {
         zlogf(L_DEBUG, "%s: expecting more data from fd%d\n", dw->sfd);
         set_clk_now(&dw->last_io_tm, CLOCK_MONOTONIC);

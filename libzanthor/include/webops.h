@@ -66,6 +66,9 @@ struct http_resp_ctx {
     ssize_t tail;
     long content_length;           // of an accepted head: its Content-Length, -1 when absent
     char malformed[HTTP_WHY_SIZE]; // not empty when the head was refused as malformed: why
+    bool may_be_closed;            // set by the caller: an end or reset before the first byte is
+                                   // expected (a reused connection) and not logged as an error
+    bool closed_unread;            // the stream ended or failed before the first byte
 };
 
 // The canned responses; their `server` starts empty.

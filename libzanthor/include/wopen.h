@@ -91,7 +91,9 @@ int send_http_request(int sockfd, const http_request* rq);
 // status line without code and reason, or a malformed head). A malformed head (see
 // check_status_line and check_body_framing) is not logged as an error here: `resp->malformed`
 // says what was wrong, for the caller to report with the source's name. On 0, `resp->content_length`
-// holds the checked Content-Length of a 2xx answer (-1 when absent).
+// holds the checked Content-Length of a 2xx answer (-1 when absent). An end of stream, a reset or
+// another failure before the first byte sets `resp->closed_unread`; with `resp->may_be_closed`
+// it is not logged.
 
 int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp);
 // True when the response head `head` (NUL-terminated, status line first) lets the connection

@@ -335,7 +335,8 @@ int recv_http_response(int sockfd, char* buf, size_t buflen, http_resp_ctx* resp
                 zlogf(L_DEBUG, "%s: expecting more data from fd=%d\n", sockfd);
                 return 11;
             }
-            if (n == 0 || is_aborted(err))
+            resp->closed_unread = resp->total == 0;
+            if ((n == 0 || is_aborted(err)) && !(resp->closed_unread && resp->may_be_closed))
                 zlogf(L_ERR, "%s: client [fd=%d] connection broken\n", sockfd);
             errno = err;
             return -1;

@@ -125,6 +125,28 @@ TEST_F(Wopen, ResponseHeadSplitOverTwoReads)
     close(sv[1]);
 }
 
+// A reused connection may end before it answers: the caller that expects it hears of it in the
+// context, and only a caller that does not expect it gets the error line. Once a byte came, the end
+// is no longer "unread".
+TEST_F(Wopen, EndBeforeTheFirstByte)
+{
+    for (const bool expected : {false, true}) {
+        for (const std::string sent : {"", "HTTP/1.1 2"}) {
+            int sv[2];
+            pair_with(sv, sent);
+            close(sv[1]);
+            char buf[64];
+            http_resp_ctx resp{};
+            resp.may_be_closed = expected;
+            EXPECT_EQ(recv_http_response(sv[0], buf, sizeof buf, &resp), -1);
+            EXPECT_EQ(resp.closed_unread, sent.empty()) << sent;
+            EXPECT_EQ(contains(log.take(), "] connection broken\n"), !(expected && sent.empty()))
+                << expected << " " << sent;
+            close(sv[0]);
+        }
+    }
+}
+
 // Each head comes whole, then the end of the stream. The last byte of the buffer is never written.
 TEST_F(Wopen, ResponseHeadTable)
 {
