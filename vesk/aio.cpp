@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <liburing.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include "ioh.h"
@@ -99,6 +100,16 @@ int aio_init(unsigned depth, aio_done_fn done)
         zlogf(L_ERR, "%s: io_uring_queue_init(%u) ERROR(%d): %s\n", depth, -rc, strerror(-rc));
         return -rc;
     }
+    // The loop keeps one core busy; more workers than the other cores only take turns with it and
+    // with each other, and their page allocations contend for the same locks. A kernel that
+    // cannot bound them leaves its own bound.
+    cpu_set_t cpus;
+    const int ncpu = sched_getaffinity(0, sizeof cpus, &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
+    unsigned bound[2] = {ncpu > 1 ? static_cast<unsigned>(ncpu - 1) : 1u, 0u};
+    rc = io_uring_register_iowq_max_workers(&g_aio.ring, bound);
+    if (rc < 0)
+        zlogf(L_DEBUG, "%s: io_uring_register_iowq_max_workers() ERROR(%d): %s\n", -rc,
+              strerror(-rc));
     ioh_init(&g_aio.rec, g_aio.ring.ring_fd, on_event, nullptr);
     if (ioh_want(&g_aio.rec, RQS_READ) != 0) {
         io_uring_queue_exit(&g_aio.ring);
@@ -173,6 +184,14 @@ bool aio_adopt(uint64_t token)
         }
     }
     return false;
+}
+
+unsigned aio_worker_bound()
+{
+    unsigned bound[2] = {0u, 0u}; // zeros ask without changing
+    if (!g_aio.is_open || io_uring_register_iowq_max_workers(&g_aio.ring, bound) < 0)
+        return 0;
+    return bound[0];
 }
 
 bool aio_on()

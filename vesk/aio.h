@@ -18,6 +18,9 @@ using aio_done_fn = void (*)(uint64_t token, int res);
 void aio_destroy();
 // True between a successful aio_init and aio_destroy.
 bool aio_on();
+// How many kernel workers may reserve at once: one fewer than the CPUs the agent may run on, at
+// least one. 0 when the ring is not open or the kernel does not say.
+unsigned aio_worker_bound();
 // Reserves `len` bytes from offset 0 of `fd` (fallocate mode 0) in a kernel worker. The worker
 // looks `fd` up only when it runs: until the completion the caller keeps it open, or hands it
 // over with aio_adopt. 0 when submitted; EBUSY when the ring is full, or the submission's errno

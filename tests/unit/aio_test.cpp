@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
+#include <sched.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +93,21 @@ TEST_F(AioTest, FullRingRefusesAndEveryReservationCompletesOnTheLoop)
     EXPECT_EQ(8192, size_of("f4"));
     for (int fd : fds)
         close(fd);
+}
+
+// The kernel applies the bound once the loop has submitted (its workers are made then); without
+// it the kernel would allow as many as the ring has entries here.
+TEST_F(AioTest, WorkersAreBoundToTheCoresBesideTheLoop)
+{
+    const int fd = open_file("f");
+    ASSERT_LE(0, fd);
+    ASSERT_EQ(0, aio_fallocate(fd, 4096, 1));
+    wait_for(1);
+    cpu_set_t cpus;
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof cpus, &cpus));
+    const int ncpu = CPU_COUNT(&cpus);
+    EXPECT_EQ(ncpu > 1 ? static_cast<unsigned>(ncpu - 1) : 1u, aio_worker_bound());
+    close(fd);
 }
 
 TEST_F(AioTest, FailureComesBackAsNegativeErrnoAndAnAdoptedDescriptorLivesUntilTheCompletion)
