@@ -329,7 +329,7 @@ class Aria2(Tool):
 
 # What etc/vsk.conf sets about throughput beyond the built-in defaults; --vsk-set overrides.
 SAMPLE_KEYS = {"max_mmap_mb": 0, "splice_to_file": True, "reserve_in_worker": True,
-               "src_pool_max": 64, "src_pool_idle_ms": 5000, "log.batch_writes": True,
+               "write_through_backlog": 8, "src_pool_max": 64, "src_pool_idle_ms": 5000, "log.batch_writes": True,
                "web_input.keep_alive": True}
 
 

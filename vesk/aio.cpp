@@ -40,6 +40,7 @@ struct aio_ring {
     unsigned* free; // stack of free slots
     unsigned nfree;
     unsigned depth;
+    unsigned workers; // the bound asked of the kernel
 };
 
 aio_ring g_aio;
@@ -106,6 +107,7 @@ int aio_init(unsigned depth, aio_done_fn done)
     cpu_set_t cpus;
     const int ncpu = sched_getaffinity(0, sizeof cpus, &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
     unsigned bound[2] = {ncpu > 1 ? static_cast<unsigned>(ncpu - 1) : 1u, 0u};
+    g_aio.workers = bound[0];
     rc = io_uring_register_iowq_max_workers(&g_aio.ring, bound);
     if (rc < 0)
         zlogf(L_DEBUG, "%s: io_uring_register_iowq_max_workers() ERROR(%d): %s\n", -rc,
@@ -192,6 +194,11 @@ unsigned aio_worker_bound()
     if (!g_aio.is_open || io_uring_register_iowq_max_workers(&g_aio.ring, bound) < 0)
         return 0;
     return bound[0];
+}
+
+unsigned aio_backlog()
+{
+    return g_aio.is_open ? g_aio.inflight / g_aio.workers : 0;
 }
 
 bool aio_on()

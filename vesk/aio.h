@@ -21,6 +21,9 @@ bool aio_on();
 // How many kernel workers may reserve at once: one fewer than the CPUs the agent may run on, at
 // least one. 0 when the ring is not open or the kernel does not say.
 unsigned aio_worker_bound();
+// Operations in flight per worker the ring may run at once (rounded down): how far the workers are
+// behind. 0 when the ring is not open.
+unsigned aio_backlog();
 // Reserves `len` bytes from offset 0 of `fd` (fallocate mode 0) in a kernel worker. The worker
 // looks `fd` up only when it runs: until the completion the caller keeps it open, or hands it
 // over with aio_adopt. 0 when submitted; EBUSY when the ring is full, or the submission's errno

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -1246,6 +1247,40 @@ static bool reserve_in_worker(dw_task* dw, const char* body, ssize_t tail_len)
     return true;
 }
 
+// With the kernel's workers `write_through_backlog` reservations (per worker) behind, a file whose
+// whole body is already in the source socket is not queued behind them: it is written at once,
+// and its writes allocate the pages a reservation would (in one pass over them instead of two).
+// The client is answered only after, so a 200 still means that the room was there.
+static bool writes_through(const dw_task* dw, ssize_t tail_len)
+{
+    const int backlog = g_cfg->write_through_backlog;
+    if (!backlog || !aio_on() || can_mmap_dw(dw) || aio_backlog() < static_cast<unsigned>(backlog))
+        return false;
+    int queued = 0;
+    return ioctl(dw->sfd, FIONREAD, &queued) == 0 &&
+           static_cast<size_t>(tail_len) + static_cast<size_t>(queued) >= dw->content_length;
+}
+
+// Stores the head's body bytes and then the rest from the source. Should the source have fewer
+// bytes ready than it announced, the rest of the file is reserved before the answer, as always.
+static int write_through(dw_task* dw, const char* body, ssize_t tail_len)
+{
+    zlogf(L_DEBUG, "%s: [%s] written through, the workers being behind\n", dw->spec.fpath);
+    int rc = fill_dest_file(dw, 0, body, tail_len);
+    while (rc == 0 && dw->nleft > 0) {
+        const size_t before = dw->nleft;
+        rc = read_fragment(dw);
+        if (dw->nleft == before)
+            break;
+    }
+    if (rc == 0 && dw->nleft > 0) {
+        rc = W_fallocate(__func__, dw->dfd, 0, static_cast<off_t>(dw->content_length));
+        if (rc == EOPNOTSUPP)
+            rc = 0; // the writes report a full disk
+    }
+    return rc;
+}
+
 int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
 {
     const bool has_tail = resp->tail >= 1;
@@ -1282,6 +1317,8 @@ int mk_dest_file(dw_task* dw, const char* buf, const http_resp_ctx* resp)
     dw->dfile_dev = st.st_dev;
     dw->dfile_ino = st.st_ino;
     const char* body = buf + (has_tail ? resp->tail : 0);
+    if (writes_through(dw, tail_len))
+        return write_through(dw, body, tail_len);
     if (reserve_in_worker(dw, body, tail_len))
         return EINPROGRESS;
     // The blocks are reserved before a byte is stored: a full disk, a quota or a file size limit

@@ -34,6 +34,7 @@ int init_vesk_config(vesk_cfg* cfg)
     cfg->resolve_tmout_ms = D_RESOLVE_TMOUT_MS;
     cfg->src_pool_max = D_SRC_POOL_MAX;
     cfg->src_pool_idle_ms = D_SRC_POOL_IDLE_MS;
+    cfg->write_through_backlog = D_WRITE_THROUGH_BACKLOG;
     cfg->lbdb.max_pending = LBQ_D_MAX_PENDING;
     cfg->udp_cha.lock_backend = LOCK_BACKEND_FILE;
     snprintf(cfg->udp_cha.lock_prefix, sizeof(cfg->udp_cha.lock_prefix), "%s", D_LOCK_PREFIX);
@@ -335,6 +336,9 @@ int load_config(vesk_cfg* cfg, int is_reload)
         return -1;
     if (lookup_strict_bool(__func__, lc, "vesk.reserve_in_worker", &cfg->reserve_in_worker))
         return -1;
+    if (lookup_ranged_int(__func__, lc, "vesk.write_through_backlog", D_WRITE_THROUGH_BACKLOG, 0,
+                          D_WRITE_THROUGH_BACKLOG_LIMIT, &cfg->write_through_backlog))
+        return -1;
 
     if (is_reload)
         zlogf(L_INFO, "%s: configuration re-loaded\n");
@@ -403,6 +407,9 @@ void dump_vesk_config(FILE* stream, const vesk_cfg* cfg)
         fprintf(stream, "\tplain writes         = spliced from the socket\n");
     if (cfg->reserve_in_worker)
         fprintf(stream, "\tfile reservations    = in a kernel worker\n");
+    if (cfg->reserve_in_worker && cfg->write_through_backlog)
+        fprintf(stream, "\twritten through from = %d reservations per worker\n",
+                cfg->write_through_backlog);
     if (cfg->src_pool_max)
         fprintf(stream, "\tidle source pool     = %zu connections, %ld ms\n", cfg->src_pool_max,
                 cfg->src_pool_idle_ms);

@@ -23,6 +23,8 @@ enum : size_t {
     D_RESOLVE_TMOUT_MS = 5000, // the system resolver's own time-out per try
     D_SRC_POOL_MAX = 0,        // no idle source connections kept: each download connects anew
     D_SRC_POOL_MAX_LIMIT = 4096,
+    D_WRITE_THROUGH_BACKLOG = 0,       // every reservation goes to the kernel's workers
+    D_WRITE_THROUGH_BACKLOG_LIMIT = 256, // the submission ring holds no more
     D_SRC_POOL_IDLE_MS = 5000,
     DOOR_INDEX = 0,
 };
@@ -63,6 +65,8 @@ struct vesk_cfg {
     long src_pool_idle_ms; // how long one of them may stay idle
     bool splice_to_file;   // buffer path: socket -> pipe -> file in the kernel, not read + write
     bool reserve_in_worker; // a plain-written file's blocks are reserved by a kernel worker
+    int write_through_backlog; // with reserve_in_worker: reservations per worker in flight from
+                               // which a file whose whole body is here is written at once; 0: never
     lbdb_cfg lbdb;         // lbdb.port 0: no database
     acl_list allow_clients; // peers that may send requests; empty: everyone
     acl_list allow_sources; // source hosts and prefixes that may be fetched; empty: all

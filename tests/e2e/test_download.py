@@ -558,9 +558,11 @@ def test_second_download_refused_while_the_first_runs(agent, bad_source, second,
     assert files_under(agent.data_dir) == ["live/2.ts"]
 
 
-@pytest.mark.parametrize("worker", [False, True], ids=["loop", "worker"])
-def test_thousand_concurrent_downloads(agent, nginx, worker):
-    """With the worker, the reservations of many files overlap."""
+@pytest.mark.parametrize("worker, through", [(False, 0), (True, 0), (True, 1)],
+                         ids=["loop", "worker", "worker-through"])
+def test_thousand_concurrent_downloads(agent, nginx, worker, through):
+    """With the worker, the reservations of many files overlap; with write_through_backlog, the
+    files that arrive whole while the worker is behind are written at once instead."""
     payloads = {f"b{i:04d}.ts": os.urandom(2000 + i * 7) for i in range(1000)}
     for name, data in payloads.items():
         nginx.put(f"burst/{name}", data)
@@ -568,7 +570,9 @@ def test_thousand_concurrent_downloads(agent, nginx, worker):
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(1024, hard), hard))
     if worker:
-        agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
+        agent.vesk.update(max_mmap_mb=0, splice_to_file=True, write_through_backlog=through)
+    if through:
+        agent.vesk["log"]["level"] = "debug"  # a file written through says so
     try:
         start_with_worker(agent) if worker else agent.start()
     finally:
@@ -595,3 +599,5 @@ def test_thousand_concurrent_downloads(agent, nginx, worker):
         assert digest((agent.data_dir / "burst" / name).read_bytes()) == digest(data), name
     assert files_under(agent.data_dir) == sorted(f"burst/{n}" for n in payloads)
     assert agent.wait_fds(fds, timeout=10) == fds
+    if through:
+        assert "written through, the workers being behind" in agent.log()

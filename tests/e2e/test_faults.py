@@ -14,8 +14,8 @@ import time
 
 import pytest
 
-from conftest import (Scrape, ask, curl, dl_path, files_under, never_accepting_port, ping, request,
-                      wait_scrape, wait_until)
+from conftest import (Scrape, ask, curl, dl_path, files_under, never_accepting_port, ping, read_all,
+                      request, wait_scrape, wait_until)
 from test_download import BODY, start_with_worker
 
 KiB = 1024
@@ -128,6 +128,42 @@ def test_disk_filling_during_a_download(agent, bad_source, splice, worker):
     # by the kernel's worker alike.
     assert "posix_fallocate(" in agent.log() and "ERROR(28): No space left on device" in agent.log()
     settles(agent, idle, lines, data, ["filler", "slow.ts"])
+
+
+@needs_tmpfs
+def test_disk_filling_under_files_written_through(agent, nginx):
+    """Files written at once while the worker is behind meet a full disk as reserved ones do: each
+    is answered 200 with its whole file, or 500 with nothing of it left."""
+    payloads = {f"w{i:03d}.ts": os.urandom(3000 + i * 13) for i in range(300)}  # ~1.5 MB in all
+    for name, body in payloads.items():
+        nginx.put(f"wt/{name}", body)
+    agent.vesk.update(max_mmap_mb=0, splice_to_file=True, write_through_backlog=1)
+    agent.vesk["log"]["level"] = "debug"  # a file written through says so
+    data = start_on_tmpfs_with_worker(agent, 512 * KiB)
+    idle = agent.fds()
+    conns = {}
+    for name in payloads:  # every order goes out before any answer is read
+        conns[name] = s = socket.create_connection(("127.0.0.1", agent.port), timeout=30)
+        s.sendall(f"GET {dl_path(nginx.url(f'wt/{name}'), f'wt/{name}')} HTTP/1.1\r\n\r\n".encode())
+    status = {}
+    for name, s in conns.items():
+        with s:
+            status[name] = read_all(s).split(b"\r\n", 1)[0]
+    ok = sorted(n for n, st in status.items() if st == b"HTTP/1.1 200 OK")
+    failed = [n for n, st in status.items() if st == b"HTTP/1.1 500 Service error"]
+    assert ok and failed and len(ok) + len(failed) == len(payloads), set(status.values())
+    agent.wait_for_log(r"TASK-END ", count=len(payloads), timeout=30)
+    log = agent.log()
+    assert "written through, the workers being behind" in log
+    # The full disk stopped files being written through, not only reservations.
+    assert any("No space left on device" in line and "posix_fallocate" not in line
+               for line in log.splitlines()), log[-3000:]
+    for name in ok:
+        assert (data / "wt" / name).read_bytes() == payloads[name], name
+    # A task logs its end before it removes its unfinished file.
+    wait_until("only the answered files", lambda: files_under(data) == [f"wt/{n}" for n in ok],
+               timeout=5)
+    assert agent.wait_fds(idle) == idle
 
 
 @needs_tmpfs

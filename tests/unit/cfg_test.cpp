@@ -104,6 +104,10 @@ TEST_F(CfgTest, KeyTableDefaultsAndDumps)
     EXPECT_FALSE(cfg.reserve_in_worker) << "built in: every reservation on the loop";
     ASSERT_EQ(load(conf("reserve_in_worker = true;")), 0) << out;
     EXPECT_TRUE(cfg.reserve_in_worker && contains(dump(), "\tfile reservations    = in a kernel worker\n"));
+    EXPECT_EQ(cfg.write_through_backlog, 0) << "built in: every reservation goes to the workers";
+    EXPECT_FALSE(contains(dump(), "written through"));
+    ASSERT_EQ(load(conf("reserve_in_worker = true; write_through_backlog = 8;")), 0) << out;
+    EXPECT_TRUE(contains(dump(), "\twritten through from = 8 reservations per worker\n")) << dump();
 }
 
 TEST_F(CfgTest, RefusedFiles)
@@ -139,6 +143,10 @@ TEST_F(CfgTest, RefusedFiles)
         {conf("splice_to_file = 1;"), "load_config: vesk.splice_to_file must be true or false\n"},
         {conf("reserve_in_worker = \"yes\";"),
          "load_config: vesk.reserve_in_worker must be true or false\n"},
+        {conf("write_through_backlog = 257;"),
+         "load_config: invalid vesk.write_through_backlog value: 257 (allowed 0..256)\n"},
+        {conf("write_through_backlog = true;"),
+         "load_config: vesk.write_through_backlog must be an integer\n"},
         {conf("src_pool_idle_ms = 0;"),
          "load_config: invalid vesk.src_pool_idle_ms value: 0 (allowed 1..600000)\n"},
     };
