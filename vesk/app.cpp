@@ -1250,11 +1250,14 @@ static bool reserve_in_worker(dw_task* dw, const char* body, ssize_t tail_len)
 // With the kernel's workers `write_through_backlog` reservations (per worker) behind, a file whose
 // whole body is already in the source socket is not queued behind them: it is written at once,
 // and its writes allocate the pages a reservation would (in one pass over them instead of two).
-// The client is answered only after, so a 200 still means that the room was there.
+// The client is answered only after, so a 200 still means that the room was there. Only a body
+// that one copy step takes: a larger one would hold the loop for as long as its pages take to
+// allocate, which the workers do better.
 static bool writes_through(const dw_task* dw, ssize_t tail_len)
 {
     const int backlog = g_cfg->write_through_backlog;
-    if (!backlog || !aio_on() || can_mmap_dw(dw) || aio_backlog() < static_cast<unsigned>(backlog))
+    if (!backlog || !aio_on() || can_mmap_dw(dw) || dw->content_length > DW_SBUF_SIZE ||
+        aio_backlog() < static_cast<unsigned>(backlog))
         return false;
     int queued = 0;
     return ioctl(dw->sfd, FIONREAD, &queued) == 0 &&
