@@ -197,6 +197,20 @@ def dl_path(src, dst, query=f"expiry={OLD_EXPIRY}"):
     return f"/src/{src}/dst/{dst}" + (f"?{query}" if query else "")
 
 
+def burst(agent, orders, timeout=60):
+    """Sends every order (a source URL and its destination, keyed by a name) on a connection of
+    its own before reading any answer, so that the downloads overlap; the status line of each."""
+    conns = {}
+    for name, (src, dst) in orders.items():
+        conns[name] = s = socket.create_connection(("127.0.0.1", agent.port), timeout=timeout)
+        s.sendall(f"GET {dl_path(src, dst)} HTTP/1.1\r\n\r\n".encode())
+    status = {}
+    for name, s in conns.items():
+        with s:
+            status[name] = read_all(s).split(b"\r\n", 1)[0]
+    return status
+
+
 def ask(agent, src, dst, query=f"expiry={OLD_EXPIRY}", expect=(200, "OK")):
     """Asks the agent to store `src` as `dst` and checks the answer's status and reason."""
     r = curl(agent.port, dl_path(src, dst, query))

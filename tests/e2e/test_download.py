@@ -11,8 +11,8 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (AGENT_TAG, OLD_EXPIRY, Scrape, ask, curl, digest, dl_path, files_under, free_port,
-                      raw_get, read_all, registered, request, status_of, zrange)
+from conftest import (AGENT_TAG, OLD_EXPIRY, Scrape, ask, burst, curl, digest, dl_path, files_under,
+                      free_port, raw_get, read_all, registered, request, status_of, zrange)
 from peers import BadSource, Route
 
 MiB = 1048576
@@ -583,15 +583,7 @@ def test_thousand_concurrent_downloads(agent, nginx, worker, through):
     limits = re.search(r"^Max open files\s+(\d+)\s+(\d+)", Path(f"/proc/{pid}/limits").read_text(), re.M)
     assert limits.groups() == m.groups()
     fds = agent.fds()
-    # Every request is sent before any answer is read, so the downloads overlap.
-    conns = {}
-    for name in payloads:
-        conns[name] = s = socket.create_connection(("127.0.0.1", agent.port), timeout=60)
-        s.sendall(f"GET {dl_path(nginx.url(f'burst/{name}'), f'burst/{name}')} HTTP/1.1\r\n\r\n".encode())
-    status = {}
-    for name, s in conns.items():
-        with s:
-            status[name] = read_all(s).split(b"\r\n", 1)[0]
+    status = burst(agent, {n: (nginx.url(f"burst/{n}"), f"burst/{n}") for n in payloads})
     assert status == dict.fromkeys(payloads, b"HTTP/1.1 200 OK"), \
         {n: st for n, st in status.items() if st != b"HTTP/1.1 200 OK"}
     agent.wait_for_log(r"TASK-END ", count=len(payloads), timeout=60)

@@ -14,7 +14,7 @@ import time
 
 import pytest
 
-from conftest import (Scrape, ask, curl, dl_path, files_under, never_accepting_port, ping, read_all,
+from conftest import (Scrape, ask, burst, curl, dl_path, files_under, never_accepting_port, ping,
                       request, wait_scrape, wait_until)
 from test_download import BODY, start_with_worker
 
@@ -141,14 +141,7 @@ def test_disk_filling_under_files_written_through(agent, nginx):
     agent.vesk["log"]["level"] = "debug"  # a file written through says so
     data = start_on_tmpfs_with_worker(agent, 512 * KiB)
     idle = agent.fds()
-    conns = {}
-    for name in payloads:  # every order goes out before any answer is read
-        conns[name] = s = socket.create_connection(("127.0.0.1", agent.port), timeout=30)
-        s.sendall(f"GET {dl_path(nginx.url(f'wt/{name}'), f'wt/{name}')} HTTP/1.1\r\n\r\n".encode())
-    status = {}
-    for name, s in conns.items():
-        with s:
-            status[name] = read_all(s).split(b"\r\n", 1)[0]
+    status = burst(agent, {n: (nginx.url(f"wt/{n}"), f"wt/{n}") for n in payloads}, timeout=30)
     ok = sorted(n for n, st in status.items() if st == b"HTTP/1.1 200 OK")
     failed = [n for n, st in status.items() if st == b"HTTP/1.1 500 Service error"]
     assert ok and failed and len(ok) + len(failed) == len(payloads), set(status.values())
