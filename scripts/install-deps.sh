@@ -7,11 +7,12 @@ set -euo pipefail
 
 # dpkg-dev and file: dependencies of the package computed by CPack (dpkg-shlibdeps); groff-base
 # and man-db: the manual page checks; python3-prometheus-client: the metrics test parses scrapes
-# with the exposition parser of the metrics format's own client. systemd is not pulled in for systemd-analyze: the unit check
-# is skipped where it is absent.
+# with the exposition parser of the metrics format's own client; libfuse3-dev and fuse3: the
+# test filesystem whose reservations hang. systemd is not pulled in for systemd-analyze: the unit
+# check is skipped where it is absent.
 PKGS=(cmake ninja-build g++ make pkg-config libconfig-dev libhiredis-dev
       libgtest-dev libc-ares-dev liburing-dev python3 python3-pytest redis-server nginx curl socat
-      dpkg-dev file groff-base man-db python3-prometheus-client)
+      dpkg-dev file groff-base man-db python3-prometheus-client libfuse3-dev fuse3)
 if [ "${1:-}" = "--bench" ]; then
   PKGS+=(aria2 python3-matplotlib)
 elif [ $# -gt 0 ]; then

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <liburing.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ioh.h"
@@ -25,8 +26,11 @@ namespace {
 // closed with the completion.
 struct aio_op {
     uint64_t token;
-    int fd;       // the descriptor worked on; -1 for a free slot
-    bool adopted; // closed with the completion
+    int fd;        // the descriptor worked on; -1 for a free slot
+    bool adopted;  // closed with the completion
+    char* rm_path; // of an adopted one: removed with the completion if still this file
+    dev_t rm_dev;
+    ino_t rm_ino;
 };
 
 struct aio_ring {
@@ -51,13 +55,19 @@ uint64_t retire(const io_uring_cqe* cqe)
     const auto slot = static_cast<unsigned>(cqe->user_data);
     ZASSERT(slot < g_aio.depth && g_aio.ops[slot].fd >= 0);
     aio_op& op = g_aio.ops[slot];
+    const uint64_t token = op.token;
     if (op.adopted)
         (void)W_close("aio_retire", op.fd);
-    op.fd = -1;
-    op.adopted = false;
+    if (op.rm_path) {
+        struct stat st;
+        if (stat(op.rm_path, &st) == 0 && st.st_dev == op.rm_dev && st.st_ino == op.rm_ino)
+            (void)W_unlink("aio_retire", op.rm_path);
+        free(op.rm_path);
+    }
+    op = aio_op{0, -1, false, nullptr, 0, 0};
     g_aio.free[g_aio.nfree++] = slot;
     --g_aio.inflight;
-    return op.token;
+    return token;
 }
 
 // Hands every completion waiting in the ring to the owner. Runs on the loop only, so a handler may
@@ -102,11 +112,12 @@ int aio_init(unsigned depth, aio_done_fn done)
         return -rc;
     }
     // The loop keeps one core busy; more workers than the other cores only take turns with it and
-    // with each other, and their page allocations contend for the same locks. A kernel that
-    // cannot bound them leaves its own bound.
+    // with each other, and their page allocations contend for the same locks. Two at least, so
+    // that one reservation that takes long (a huge file, a slow or hung disk) does not hold up
+    // every other file's. A kernel that cannot bound them leaves its own bound.
     cpu_set_t cpus;
     const int ncpu = sched_getaffinity(0, sizeof cpus, &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
-    unsigned bound[2] = {ncpu > 1 ? static_cast<unsigned>(ncpu - 1) : 1u, 0u};
+    unsigned bound[2] = {ncpu > 3 ? static_cast<unsigned>(ncpu - 1) : 2u, 0u};
     g_aio.workers = bound[0];
     rc = io_uring_register_iowq_max_workers(&g_aio.ring, bound);
     if (rc < 0)
@@ -164,9 +175,10 @@ void aio_destroy()
         io_uring_cqe_seen(&g_aio.ring, cqe);
     }
     io_uring_queue_exit(&g_aio.ring);
-    for (unsigned i = 0; drained && i < g_aio.depth; ++i) {
-        if (g_aio.ops[i].fd >= 0 && g_aio.ops[i].adopted)
+    for (unsigned i = 0; i < g_aio.depth; ++i) {
+        if (drained && g_aio.ops[i].fd >= 0 && g_aio.ops[i].adopted)
             (void)W_close(__func__, g_aio.ops[i].fd);
+        free(g_aio.ops[i].rm_path);
     }
     free(g_aio.ops);
     free(g_aio.free);
@@ -176,12 +188,19 @@ void aio_destroy()
     g_aio.inflight = 0;
 }
 
-bool aio_adopt(uint64_t token)
+bool aio_adopt(uint64_t token, const char* rm_path, dev_t rm_dev, ino_t rm_ino)
 {
     for (unsigned i = 0; g_aio.is_open && i < g_aio.depth; ++i) {
         aio_op& op = g_aio.ops[i];
         if (op.fd >= 0 && op.token == token && !op.adopted) {
             op.adopted = true;
+            if (rm_path) {
+                op.rm_path = strdup(rm_path);
+                if (!op.rm_path) // removed now instead; a disk that hangs then holds the loop
+                    (void)W_unlink(__func__, rm_path);
+                op.rm_dev = rm_dev;
+                op.rm_ino = rm_ino;
+            }
             return true;
         }
     }
@@ -215,7 +234,7 @@ int aio_fallocate(int fd, off_t len, uint64_t token)
     if (!sqe)
         return EBUSY;
     const unsigned slot = g_aio.free[--g_aio.nfree];
-    g_aio.ops[slot] = {token, fd, false};
+    g_aio.ops[slot] = {token, fd, false, nullptr, 0, 0};
     io_uring_prep_fallocate(sqe, fd, 0, 0, len);
     io_uring_sqe_set_data64(sqe, slot);
     const int rc = io_uring_submit(&g_aio.ring);

@@ -19,7 +19,7 @@ void aio_destroy();
 // True between a successful aio_init and aio_destroy.
 bool aio_on();
 // How many kernel workers may reserve at once: one fewer than the CPUs the agent may run on, at
-// least one. 0 when the ring is not open or the kernel does not say.
+// least two. 0 when the ring is not open or the kernel does not say.
 unsigned aio_worker_bound();
 // Operations in flight per worker the ring may run at once (rounded down): how far the workers are
 // behind. 0 when the ring is not open.
@@ -30,6 +30,8 @@ unsigned aio_backlog();
 // value: the caller then reserves in place.
 int aio_fallocate(int fd, off_t len, uint64_t token);
 // Hands the descriptor of the operation `token` over: it is closed with the completion (or at
-// aio_destroy). False when no such operation is in flight; the descriptor is then still the
-// caller's.
-bool aio_adopt(uint64_t token);
+// aio_destroy). With `rm_path`, that file is removed with the completion too, if it is still the
+// file `rm_dev`/`rm_ino` (a removal now would wait for the operation, which holds the file, and
+// on a disk that hangs would never return). False when no such operation is in flight; the
+// descriptor is then still the caller's.
+bool aio_adopt(uint64_t token, const char* rm_path = nullptr, dev_t rm_dev = 0, ino_t rm_ino = 0);

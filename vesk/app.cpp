@@ -699,11 +699,18 @@ void free_dw(dw_task* dw)
             dw->cfd = -1;
         }
     }
+    // Only a file this task created is removed: an unfinished file of the same name may belong to
+    // another task that is still writing it.
+    const bool unfinished = is_unfinished_seg(dw->spec.fpath) && owns_dfile(dw);
+    bool handed = false;
     if (dw->dfd > 0) {
-        // A reservation still in the worker works on this descriptor: it is closed when that
-        // ends, so that its number cannot name another file meanwhile. Its completion finds the
-        // task gone.
-        if (!(dw->aio_token && aio_adopt(dw->aio_token)))
+        // A reservation still in the worker works on this descriptor and holds the file: the
+        // descriptor is closed, and an unfinished file removed, when that ends, so that the number
+        // cannot name another file meanwhile and the loop never waits for a disk that hangs. Its
+        // completion finds the task gone.
+        handed = dw->aio_token && aio_adopt(dw->aio_token, unfinished ? dw->spec.fpath : nullptr,
+                                            dw->dfile_dev, dw->dfile_ino);
+        if (!handed)
             (void)W_close(__func__, dw->dfd);
         dw->dfd = -1;
     }
@@ -722,11 +729,10 @@ void free_dw(dw_task* dw)
         zlogf(L_DEBUG, "%s: unmapped fd%d, buf=%p, %zu bytes\n", dw->dfd,
               static_cast<void*>(dw->buf), dw->buflen);
     }
-    // Only a file this task created is removed: an unfinished file of the same name may belong to
-    // another task that is still writing it.
-    if (is_unfinished_seg(dw->spec.fpath) && owns_dfile(dw)) {
+    if (unfinished) {
         zlogf(L_WARN, "%s: removing unfinished [%s]\n", dw->spec.fpath);
-        (void)W_unlink(__func__, dw->spec.fpath);
+        if (!handed)
+            (void)W_unlink(__func__, dw->spec.fpath);
         dw->spec.fpath[0] = '\0';
     }
     dw->has_dfile = false;

@@ -15,7 +15,7 @@ import time
 import pytest
 
 from conftest import (Scrape, ask, burst, curl, dl_path, files_under, never_accepting_port, ping,
-                      request, wait_scrape, wait_until)
+                      read_all, request, wait_scrape, wait_until)
 from test_download import BODY, start_with_worker
 
 KiB = 1024
@@ -189,6 +189,62 @@ def test_task_ends_while_the_worker_reserves_its_file(agent, bad_source, end):
     agent.wait_for_log(r"source failed while the file was reserved")
     agent.wait_for_log(r"reservation 0x[0-9a-f]+ finished after its task")
     settles(agent, idle, lines, data, [])
+
+
+STALLFS_BIN = os.environ.get("STALLFS_BIN", "")
+
+
+def abort_fuse(mount_point):
+    """Fails every request of the FUSE mount at `mount_point` that is still waiting for its
+    filesystem: the one way to free a process stuck in such a request."""
+    conns = "/sys/fs/fuse/connections"
+    if not os.listdir(conns):
+        subprocess.run(["mount", "-t", "fusectl", "none", conns], capture_output=True)
+    with open(f"{conns}/{os.minor(os.stat(mount_point).st_dev)}/abort", "w") as f:
+        f.write("1")
+
+
+@pytest.mark.skipif(os.geteuid() != 0 or not os.path.exists("/dev/fuse") or not STALLFS_BIN
+                    or not shutil.which("fusermount3"), reason="needs root, FUSE and stallfs")
+def test_reservation_that_hangs_holds_up_neither_other_files_nor_the_exit(agent, nginx, tmp_path):
+    """A disk that hangs under one file's reservation: the other downloads go on, and SIGTERM ends
+    the agent's loop after 2 s without progress instead of waiting for the kernel's worker."""
+    back = tmp_path / "back"
+    back.mkdir()
+    fs = subprocess.Popen([STALLFS_BIN, str(back), str(agent.data_dir)], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL)
+    try:
+        wait_until("stallfs mounted", lambda: os.path.ismount(agent.data_dir), timeout=5)
+        agent.vesk.update(max_mmap_mb=0, splice_to_file=True)
+        start_with_worker(agent)
+        for name in ("h.ts", "a.ts", "b.ts"):
+            nginx.put(name, BODY)
+        with socket.create_connection(("127.0.0.1", agent.port), timeout=10) as hung:
+            hung.sendall(f"GET {dl_path(nginx.url('h.ts'), 'stall.ts')} HTTP/1.1\r\n\r\n".encode())
+            wait_until("the hung file opened", lambda: (back / "stall.ts-Vesk").exists(), timeout=5)
+            for name in ("a.ts", "b.ts"):
+                ask(agent, nginx.url(name), name)
+                agent.wait_for_log(rf"downloaded: .*\[{agent.data_dir}/{name}\]")
+                assert (back / name).read_bytes() == BODY
+            t0 = time.monotonic()
+            agent.proc.send_signal(signal.SIGTERM)
+            agent.wait_for_log("file operations still in the kernel's workers: not waited for",
+                               timeout=5)
+            agent.wait_for_log("vsk shut down", timeout=2)
+            assert time.monotonic() - t0 < 4
+            assert read_all(hung).startswith(b"HTTP/1.1 500 Service error")
+    finally:
+        if os.path.ismount(agent.data_dir):
+            abort_fuse(agent.data_dir)
+            subprocess.run(["fusermount3", "-u", "-z", str(agent.data_dir)], capture_output=True)
+        fs.terminate()
+        try:
+            fs.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            fs.kill()
+            raise
+    # The worker stuck in the filesystem kept the process until the requests were failed.
+    assert agent.wait_exit(timeout=5) == 0
 
 
 IO_URING_SWITCH = "/proc/sys/kernel/io_uring_disabled"
